@@ -1,0 +1,75 @@
+// The one TLS connection to the cloud and the frame that every message to and from it travels in:
+// 0xA1 0xB2, a 16-bit big-endian length, that many bytes of JSON text.
+//
+// Any thread may call any function. A frame is written whole before the next one and read whole by
+// one thread; neither holds `lock` while it waits for the network, so a stalled cloud blocks no
+// disconnect. A frame that stalls, in or out, fails after SSL_SOCKET_STALL_MS.
+#pragma once
+
+#include <stdint.h>
+
+#include <atomic>
+
+#include "link/tls.h"
+#include "util/json.h"
+#include "util/mutex.h"
+
+constexpr int32_t SSL_SOCKET_STALL_MS = 30000;
+constexpr size_t SSL_SOCKET_TEXT_LIMIT = 65535;
+
+struct ssl_socket_t {
+    // Held while one frame is written, or read, its waits included. Before `lock`.
+    mutex_t write_turn ACQUIRED_BEFORE(lock);
+    mutex_t read_turn ACQUIRED_BEFORE(lock);
+
+    mutex_t lock;  // guards what follows and each OpenSSL call
+
+    // Atomic for readers without the lock; written under it. `connected`: 1 from the start of an
+    // attempt until a disconnect or the peer's TLS close. `connection`: another number with each
+    // attempt and each disconnect, so that who waited knows whether it is still the same one.
+    std::atomic<int32_t> connected{0};
+    std::atomic<uint32_t> connection{0};
+
+    tls_t tls GUARDED_BY(lock);
+    char* cer_file GUARDED_BY(lock) = nullptr;  // dropped by the first disconnect
+
+    std::atomic<bool> interrupted{false};  // once set, every wait ends soon, as a failure
+};
+
+// An object without a connection. It copies `cer_file`. NULL when that is NULL or memory is out.
+ssl_socket_t* ssl_socket_init(const char* cer_file);
+
+// Connects to the dotted IPv4 address `host`; `timeout_ms` bounds the TCP connect. Does nothing
+// when it is connected already.
+//   0; -20107; -20106 for a port outside 1..65535; -1000; -10000.
+int32_t ssl_socket_connect(ssl_socket_t* socket, const char* host, int32_t port,
+                           int32_t timeout_ms);
+
+// 0, or -20107. What the peer's TLS close left behind is not touched: the connection counts as
+// disconnected already, and its descriptor and OpenSSL records stay.
+int32_t ssl_socket_disconnect(ssl_socket_t* socket);
+
+// Disconnects and frees. Nobody may use the object any more.
+void ssl_socket_destroy(ssl_socket_t* socket);
+
+// 1 connected, 0 not, -20107 for NULL.
+int32_t ssl_socket_get_status(ssl_socket_t* socket);
+
+// Ends every wait in this object, now and from now on, as a failure.
+void ssl_socket_interrupt(ssl_socket_t* socket);
+
+// The present connection's number, for ssl_socket_rcv_on.
+uint32_t ssl_socket_get_connection(const ssl_socket_t* socket);
+
+// Writes one frame; `json` stays the caller's.
+//   0; -20107; -10000; -10102 when the text is longer than a frame holds; -1000.
+int32_t ssl_socket_send(ssl_socket_t* socket, const cJSON* json);
+
+// Waits up to `timeout_ms` for a frame and reads it. 0 with a new tree in `json`, the caller's;
+// -3000 when nothing came; -20002; -10101 for a frame that could not be read in full, or no
+// connection; -10100 for a wrong magic or a body that is not JSON; -10000; -20107.
+int32_t ssl_socket_rcv(ssl_socket_t* socket, int32_t timeout_ms, json_ptr* json);
+
+// The same for a connection of that number only: a later one's frames are never taken (-3000).
+int32_t ssl_socket_rcv_on(ssl_socket_t* socket, uint32_t connection, int32_t timeout_ms,
+                          json_ptr* json);
