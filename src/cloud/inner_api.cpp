@@ -115,7 +115,7 @@ int32_t connection_need(inner_api_t* api, int32_t timeout_ms, int32_t flag) {
 }
 
 int32_t check_request(const cJSON* request) {
-    if (json_get(request, "method") == nullptr) {
+    if (json_get_string(request, "method") == nullptr) {
         LOG_ERROR("fail to get the method from the request");
         return CLOUD_SVR_E_METHOD;
     }

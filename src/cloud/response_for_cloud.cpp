@@ -30,13 +30,15 @@ response_data_t** find_unsafe(response_list_t* list, int32_t id) REQUIRES(list->
     return link;
 }
 
+// The entry that the link led to, which now leads to the next one; empty at the chain's end.
 response_data_ptr unlink_entry(response_data_t** link) {
-    response_data_ptr entry(*link);
-    if (entry != nullptr) {
-        *link = entry->next;
-        entry->next = nullptr;
+    response_data_t* const entry = *link;
+    if (entry == nullptr) {
+        return nullptr;
     }
-    return entry;
+    *link = entry->next;
+    entry->next = nullptr;
+    return response_data_ptr(entry);
 }
 
 bool is_overdue(const response_data_t* entry, uint32_t now_ms, int32_t timeout_ms) {
