@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <malloc.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <time.h>
@@ -57,6 +58,13 @@ void signals_install() {
     signal(SIGINT, SIG_IGN);
 }
 
+// One arena for all threads: an arena for each would keep what short tasks leave behind.
+void malloc_prepare() {
+#ifdef M_ARENA_MAX
+    (void)mallopt(M_ARENA_MAX, 1);
+#endif
+}
+
 int start(config_t* config) {
     g_server = cloud_svr_init(kSocketPath, config);
     if (g_server == nullptr) {
@@ -91,6 +99,7 @@ int main(int argc, char** argv) {
     standard_descriptors_open();
     signals_prepare();
     openssl_prepare();
+    malloc_prepare();
     srand(static_cast<unsigned>(getpid()) + static_cast<unsigned>(time(nullptr)));
     LOG_DEBUG("start...");
     signals_install();

@@ -4,12 +4,6 @@
 #include <string.h>
 #include <sys/socket.h>
 
-namespace {
-
-constexpr unsigned char kMagic[kIpcMagicSize] = {0xA1, 0xB2};
-
-}  // namespace
-
 text_ptr ipc_frame_build(const char* text, size_t length) {
     if (length > UINT32_MAX - kIpcHeaderSize) {
         return nullptr;
@@ -19,7 +13,7 @@ text_ptr ipc_frame_build(const char* text, size_t length) {
         return nullptr;
     }
     auto* const header = reinterpret_cast<unsigned char*>(frame.get());
-    memcpy(header, kMagic, kIpcMagicSize);
+    memcpy(header, kIpcMagic, kIpcMagicSize);
     header[2] = static_cast<unsigned char>(length >> 24);
     header[3] = static_cast<unsigned char>(length >> 16);
     header[4] = static_cast<unsigned char>(length >> 8);

@@ -8,13 +8,15 @@
 #include "util/memory.h"
 
 constexpr size_t kIpcMagicSize = 2;
+constexpr unsigned char kIpcMagic[kIpcMagicSize] = {0xA1, 0xB2};
 constexpr size_t kIpcLengthSize = 4;
 constexpr size_t kIpcHeaderSize = kIpcMagicSize + kIpcLengthSize;
 
 // A frame around the first `length` bytes of `text`, length + 6 bytes; empty when memory is out.
 text_ptr ipc_frame_build(const char* text, size_t length);
 
-enum ipc_field_t { IPC_FIELD_MAGIC, IPC_FIELD_LENGTH, IPC_FIELD_TEXT };
+// Magic and length come in one read where they can.
+enum ipc_field_t { IPC_FIELD_HEADER, IPC_FIELD_TEXT };
 
 // Reads one frame after another from a descriptor in as many steps as its bytes need. Memory grows
 // with the bytes that came, not with the length that was announced.
@@ -23,9 +25,9 @@ enum ipc_field_t { IPC_FIELD_MAGIC, IPC_FIELD_LENGTH, IPC_FIELD_TEXT };
 // the last byte that came (a sender can be interrupted in the middle of one send call, a stalled
 // one must not swallow what follows), and a frame's next field IPC_FRAME_GRACE_MS.
 struct ipc_reader_t {
-    ipc_field_t field = IPC_FIELD_MAGIC;
-    uint32_t length = 0;        // of the text, once its field is through
-    unsigned char header[4];    // bytes of the magic or the length so far
+    ipc_field_t field = IPC_FIELD_HEADER;
+    uint32_t length = 0;  // of the text, once its field is through
+    unsigned char header[kIpcHeaderSize] = {};
     text_ptr text;              // bytes of the text so far
     size_t capacity = 0;        // bytes allocated for it
     size_t have = 0;            // bytes of the current field so far

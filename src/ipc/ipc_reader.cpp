@@ -14,38 +14,41 @@ constexpr size_t kFirstCapacity = 1024;
 constexpr size_t kReadAtMost = 64 * 1024;
 
 size_t field_size(const ipc_reader_t* reader) {
-    switch (reader->field) {
-        case IPC_FIELD_MAGIC:
-            return kIpcMagicSize;
-        case IPC_FIELD_LENGTH:
-            return kIpcLengthSize;
-        case IPC_FIELD_TEXT:
-            break;
-    }
-    return reader->length;
+    return reader->field == IPC_FIELD_HEADER ? kIpcHeaderSize : reader->length;
 }
 
 void reader_reset(ipc_reader_t* reader) {
-    reader->field = IPC_FIELD_MAGIC;
+    reader->field = IPC_FIELD_HEADER;
     reader->text.reset();
     reader->capacity = 0;
     reader->have = 0;
 }
 
-// What a read that came short, or failed, says and gives; `count` is what it had or -1.
-int32_t field_failed(ipc_reader_t* reader, int count) {
+bool magic_is_wrong(const ipc_reader_t* reader) {
+    return reader->field == IPC_FIELD_HEADER && reader->have >= kIpcMagicSize &&
+           (reader->header[0] != kIpcMagic[0] || reader->header[1] != kIpcMagic[1]);
+}
+
+// Takes two bytes for the magic that they should have been; those behind begin another frame.
+int32_t magic_drop(ipc_reader_t* reader) {
+    LOG_ERROR("the magic does not match");
+    reader->have -= kIpcMagicSize;
+    memmove(reader->header, reader->header + kIpcMagicSize, reader->have);
+    return CLOUD_SVR_E_FORMAT;
+}
+
+// What a read that came short, or failed, says and gives; `failed`: it gave -1.
+int32_t field_failed(ipc_reader_t* reader, bool failed) {
     const ipc_field_t field = reader->field;
+    const size_t have = reader->have;
     reader_reset(reader);
-    switch (field) {
-        case IPC_FIELD_MAGIC:
-            LOG_ERROR("fail to receive the magic, code=%d", count);
-            break;
-        case IPC_FIELD_LENGTH:
-            LOG_ERROR("fail to receive the length, code=%d", count);
-            break;
-        case IPC_FIELD_TEXT:
-            LOG_ERROR("fail to receive the message, code=%d", count);
-            break;
+    if (field == IPC_FIELD_TEXT) {
+        LOG_ERROR("fail to receive the message, code=%d", failed ? -1 : static_cast<int>(have));
+    } else if (have < kIpcMagicSize) {
+        LOG_ERROR("fail to receive the magic, code=%d", failed ? -1 : static_cast<int>(have));
+    } else {
+        LOG_ERROR("fail to receive the length, code=%d",
+                  failed ? -1 : static_cast<int>(have - kIpcMagicSize));
     }
     return CLOUD_SVR_E_INCOMPLETE;
 }
@@ -84,7 +87,7 @@ ssize_t recv_buffer(int fd, void* buffer, size_t size) {
 // One read into the current field: the bytes got, 0 closed, -1 with errno.
 ssize_t field_read(ipc_reader_t* reader, int fd) {
     const size_t wanted = field_size(reader) - reader->have;
-    if (reader->field != IPC_FIELD_TEXT) {
+    if (reader->field == IPC_FIELD_HEADER) {
         return recv_buffer(fd, reader->header + reader->have, wanted);
     }
     const size_t room = reader->capacity - 1 - reader->have;
@@ -95,16 +98,8 @@ ssize_t field_read(ipc_reader_t* reader, int fd) {
 
 int32_t field_end(ipc_reader_t* reader, text_ptr* text) {
     reader->have = 0;
-    if (reader->field == IPC_FIELD_MAGIC) {
-        if (reader->header[0] != 0xA1 || reader->header[1] != 0xB2) {
-            LOG_ERROR("the magic does not match");
-            return CLOUD_SVR_E_FORMAT;
-        }
-        reader->field = IPC_FIELD_LENGTH;
-        return IPC_READER_MORE;
-    }
-    if (reader->field == IPC_FIELD_LENGTH) {
-        const unsigned char* const b = reader->header;
+    if (reader->field == IPC_FIELD_HEADER) {
+        const unsigned char* const b = reader->header + kIpcMagicSize;
         reader->length = static_cast<uint32_t>(b[0]) << 24 | static_cast<uint32_t>(b[1]) << 16 |
                          static_cast<uint32_t>(b[2]) << 8 | b[3];
         reader->field = IPC_FIELD_TEXT;
@@ -129,10 +124,10 @@ int32_t nothing_read(ipc_reader_t* reader, ssize_t got) {
     }
     if (errno != EAGAIN) {
         LOG_ERROR("fail to receive buffer, error=%d", errno);
-        return field_failed(reader, -1);
+        return field_failed(reader, true);
     }
     if (ipc_reader_left(reader) == 0) {
-        return field_failed(reader, static_cast<int>(reader->have));
+        return field_failed(reader, false);
     }
     return IPC_READER_MORE;
 }
@@ -140,15 +135,19 @@ int32_t nothing_read(ipc_reader_t* reader, ssize_t got) {
 }  // namespace
 
 int ipc_reader_left(const ipc_reader_t* reader) {
-    if (reader->field == IPC_FIELD_MAGIC && reader->have == 0) {
+    if (reader->field == IPC_FIELD_HEADER && reader->have == 0) {
         return -1;
     }
-    const uint32_t grace = reader->have > 0 ? IPC_FIELD_GRACE_MS : IPC_FRAME_GRACE_MS;
+    const size_t between = reader->field == IPC_FIELD_HEADER ? kIpcMagicSize : 0;
+    const uint32_t grace = reader->have == between ? IPC_FRAME_GRACE_MS : IPC_FIELD_GRACE_MS;
     return static_cast<int>(deadline_left(deadline_t{reader->last_byte_ms, grace}));
 }
 
 int32_t ipc_reader_step(ipc_reader_t* reader, int fd, text_ptr* text) {
     for (;;) {
+        if (magic_is_wrong(reader)) {
+            return magic_drop(reader);
+        }
         if (reader->field == IPC_FIELD_TEXT && !text_reserve(reader)) {
             return out_of_memory(reader);
         }
@@ -164,7 +163,6 @@ int32_t ipc_reader_step(ipc_reader_t* reader, int fd, text_ptr* text) {
         }
         const int32_t code = field_end(reader, text);
         if (code != IPC_READER_MORE) {
-            reader_reset(reader);
             return code;
         }
     }

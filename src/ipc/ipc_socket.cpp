@@ -6,6 +6,7 @@
 #include <stddef.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 
 #include "cloud_svr_codes.h"
@@ -29,6 +30,12 @@ bool address_set(const char* path, struct sockaddr_un* address, socklen_t* size)
     memcpy(address->sun_path, path, length);
     *size = static_cast<socklen_t>(offsetof(struct sockaddr_un, sun_path) + length);
     return true;
+}
+
+// Bounds what a full backlog makes connect wait; 0: no bound.
+void send_wait_set(int fd, uint32_t ms) {
+    const struct timeval bound = {static_cast<time_t>(ms / 1000), 0};
+    (void)setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &bound, sizeof(bound));
 }
 
 int unix_socket() {
@@ -111,6 +118,7 @@ int32_t ipc_socket_init_as_client(const char* path) {
         LOG_ERROR("fail to create the unix socket, error=%d", errno);
         return CLOUD_SVR_E_RESOURCE;
     }
+    send_wait_set(client.fd, IPC_SEND_WAIT_MS);
     struct sockaddr_un address;
     socklen_t size = 0;
     if (!address_set(path, &address, &size) ||
@@ -118,6 +126,7 @@ int32_t ipc_socket_init_as_client(const char* path) {
         LOG_ERROR("fail to connect the unix socket, error=%d", errno);
         return CLOUD_SVR_E_LOCAL_SEND;
     }
+    send_wait_set(client.fd, 0);
     return client.release();
 }
 

@@ -12,8 +12,9 @@
 // removed. The descriptor, the caller's to close, or -1100.
 int32_t ipc_socket_init_as_server(const char* path);
 
-// A socket connected to `path`, left in blocking mode. The descriptor, the caller's to close;
-// -10000 when it can't be created, -1101 when it can't be connected.
+// A socket connected to `path`, left in blocking mode. A server that accepts nobody is waited for
+// IPC_SEND_WAIT_MS. The descriptor, the caller's to close; -10000 when it can't be created, -1101
+// when it can't be connected.
 int32_t ipc_socket_init_as_client(const char* path);
 
 // Sends one frame and waits while the peer doesn't take it, at most IPC_SEND_WAIT_MS without

@@ -1,7 +1,15 @@
 #include "util/json.h"
 
+namespace {
+
+// Room for a common message at once: cJSON would begin with 256 bytes, double them as it goes, and
+// shrink the text at the end.
+constexpr int kFirstSize = 1024;
+
+}  // namespace
+
 text_ptr json_print(const cJSON* json) {
-    return text_ptr(json == nullptr ? nullptr : cJSON_PrintUnformatted(json));
+    return text_ptr(json == nullptr ? nullptr : cJSON_PrintBuffered(json, kFirstSize, 0));
 }
 
 const cJSON* json_get(const cJSON* json, const char* name) {

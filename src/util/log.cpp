@@ -63,7 +63,8 @@ void log_print(const char* level, const char* file, int line, const char* functi
                const char* format, ...) {
     const text_ptr timestamp(log_timestamp_get());
     const auto process = static_cast<int>(getpid());
-    const auto thread = static_cast<unsigned long>(reinterpret_cast<uintptr_t>(pthread_self()));
+    // A pointer to some C libraries, a number to others: only this cast takes both.
+    const auto thread = (unsigned long)pthread_self();
     va_list arguments;
     va_start(arguments, format);
     flockfile(stdout);
