@@ -34,7 +34,8 @@ bool address_set(const char* path, struct sockaddr_un* address, socklen_t* size)
 
 // Bounds what a full backlog makes connect wait; 0: no bound.
 void send_wait_set(int fd, uint32_t ms) {
-    const struct timeval bound = {static_cast<time_t>(ms / 1000), 0};
+    const struct timeval bound = {static_cast<time_t>(ms / 1000),
+                                  static_cast<suseconds_t>(ms % 1000 * 1000)};
     (void)setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &bound, sizeof(bound));
 }
 
@@ -112,13 +113,13 @@ int32_t ipc_socket_init_as_server(const char* path) {
     return server.release();
 }
 
-int32_t ipc_socket_init_as_client(const char* path) {
+int32_t ipc_socket_init_as_client(const char* path, uint32_t wait_ms) {
     descriptor_t client(unix_socket());
     if (client.fd < 0) {
         LOG_ERROR("fail to create the unix socket, error=%d", errno);
         return CLOUD_SVR_E_RESOURCE;
     }
-    send_wait_set(client.fd, IPC_SEND_WAIT_MS);
+    send_wait_set(client.fd, wait_ms == 0 ? 1 : wait_ms);
     struct sockaddr_un address;
     socklen_t size = 0;
     if (!address_set(path, &address, &size) ||

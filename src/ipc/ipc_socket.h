@@ -12,18 +12,18 @@
 // removed. The descriptor, the caller's to close, or -1100.
 int32_t ipc_socket_init_as_server(const char* path);
 
+constexpr uint32_t IPC_SEND_WAIT_MS = 5000;
+
 // A socket connected to `path`, left in blocking mode. A server that accepts nobody is waited for
-// IPC_SEND_WAIT_MS. The descriptor, the caller's to close; -10000 when it can't be created, -1101
-// when it can't be connected.
-int32_t ipc_socket_init_as_client(const char* path);
+// `wait_ms`, at least 1. The descriptor, the caller's to close; -10000 when it can't be created,
+// -1101 when it can't be connected.
+int32_t ipc_socket_init_as_client(const char* path, uint32_t wait_ms = IPC_SEND_WAIT_MS);
 
 // Sends one frame and waits while the peer doesn't take it, at most IPC_SEND_WAIT_MS without
 // progress.
 //   0; -10000 when memory is out; -1101 when sending failed: the frame may then be cut short, and
 //   the connection is good for nothing but closing.
 int32_t ipc_socket_send(int fd, const char* text);
-
-constexpr uint32_t IPC_SEND_WAIT_MS = 5000;
 
 // Sends one frame without waiting, through an outbox that keeps what the peer doesn't take.
 //   0; -10000 when memory is out; -1101 when the peer is gone or leaves too much untaken.

@@ -1,0 +1,112 @@
+#include <unistd.h>
+
+#include <iostream>
+
+#include <CLI/CLI.hpp>
+
+#include "cloud_ctl/check.h"
+#include "cloud_ctl/log_view.h"
+#include "cloud_ctl/talk.h"
+
+namespace {
+
+struct options_t {
+    talk_options_t talk;
+    request_options_t request;
+    register_options_t registration;
+    log_options_t log;
+    std::string config;
+    std::string colour = "auto";
+};
+
+CLI::App* request_add(CLI::App* app, options_t* options) {
+    CLI::App* const command = app->add_subcommand("request", "Ask the cloud, print its answer");
+    command->add_option("JSON", options->request.request, "The request, with its \"method\"")
+        ->required();
+    command->add_option(
+        "--timeout", options->request.timeout_ms,
+        "How long the cloud may take, in ms (default: as the daemon is configured)");
+    command->add_flag("--connect", options->request.connect,
+                      "Connect to the cloud first if needed");
+    return command;
+}
+
+CLI::App* register_add(CLI::App* app, options_t* options) {
+    CLI::App* const command =
+        app->add_subcommand("register", "Stay as the device's agent and answer the cloud");
+    command->add_option("--hello-cloud", options->registration.hello_file,
+                        "Shake hands with the helloCloud request in this file");
+    CLI::Option* const answer = command->add_option("--answer", options->registration.answer,
+                                                    "Answer to each request of the cloud");
+    command
+        ->add_option("--exec", options->registration.command,
+                     "Shell command that reads a request and prints its answer")
+        ->excludes(answer);
+    return command;
+}
+
+CLI::App* log_add(CLI::App* app, options_t* options) {
+    CLI::App* const command =
+        app->add_subcommand("log", "Filter and colour a daemon's log read on standard input");
+    command->add_option("--level", options->log.levels, "ERROR, WARN, INFO, DEBUG; may be repeated")
+        ->transform(CLI::IsMember({"ERROR", "WARN", "INFO", "DEBUG"}, CLI::ignore_case));
+    command->add_option("--module", options->log.modules, "Source module; may be repeated");
+    command->add_option("--client", options->log.client, "Lines of the client with this socket")
+        ->check(CLI::NonNegativeNumber);
+    command->add_option("--id", options->log.id, "The whole way of the message with this id")
+        ->check(CLI::NonNegativeNumber);
+    command->add_option("--color", options->colour, "When to colour")
+        ->check(CLI::IsMember({"auto", "always", "never"}));
+    return command;
+}
+
+int log_run(options_t* options) {
+    options->log.json = options->talk.json;
+    options->log.colour =
+        options->colour == "always" || (options->colour == "auto" && isatty(STDOUT_FILENO) != 0);
+    log_view(std::cin, options->log);
+    return exit_ok;
+}
+
+// What --help asks for is an "error" too.
+int parse_failed(const CLI::App& app, const CLI::ParseError& error) {
+    if (error.get_exit_code() == 0) {
+        return app.exit(error);
+    }
+    fprintf(stderr, "cloud_ctl: %s (see cloud_ctl --help)\n", error.what());
+    return exit_usage;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    options_t options;
+    CLI::App app("Talks to the cloud_svr daemon on this device");
+    app.require_subcommand(1);
+    app.fallthrough();
+    app.add_option("--socket", options.talk.socket,
+                   "The daemon's socket (default: /tmp/cloud_svr)");
+    app.add_flag("--json", options.talk.json, "Machine-readable output");
+    const CLI::App* const request = request_add(&app, &options);
+    const CLI::App* const registration = register_add(&app, &options);
+    const CLI::App* const reconnect =
+        app.add_subcommand("reconnect", "Drop the connection to the cloud and connect again");
+    CLI::App* const check = app.add_subcommand("check", "Say what is wrong with a configuration");
+    check->add_option("FILE", options.config, "The configuration")->required();
+    (void)log_add(&app, &options);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return parse_failed(app, error);
+    }
+    if (request->parsed()) {
+        return talk_request(options.talk, options.request);
+    }
+    if (registration->parsed()) {
+        return talk_register(options.talk, options.registration);
+    }
+    if (reconnect->parsed()) {
+        return talk_reconnect(options.talk);
+    }
+    return check->parsed() ? check_run(options.config, options.talk.json) : log_run(&options);
+}
