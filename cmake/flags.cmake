@@ -23,19 +23,28 @@ function(cloud_svr_freestanding target)
     target_link_libraries(${target} PRIVATE cloud_svr_warnings)
     target_compile_options(${target} PRIVATE
         $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>
-        -ffunction-sections -fdata-sections -fvisibility=hidden
-        -fno-asynchronous-unwind-tables -fno-unwind-tables)
+        -ffunction-sections -fdata-sections -fvisibility=hidden)
     target_compile_definitions(${target} PRIVATE _GNU_SOURCE)
-    # Sanitizers widen every frame: a task's stack grows with them.
+    # Sanitizers widen every frame: a task's stack grows with them. They need the tables to tell
+    # where memory that a library asked for was wanted.
     if(CLOUD_SVR_SANITIZE)
         target_compile_definitions(${target} PRIVATE TASK_STACK_SIZE=1048576)
+    else()
+        target_compile_options(${target} PRIVATE
+            -fno-asynchronous-unwind-tables -fno-unwind-tables)
     endif()
     set_target_properties(${target} PROPERTIES LINKER_LANGUAGE C)
     target_link_options(${target} PRIVATE -Wl,--gc-sections -Wl,--as-needed -Wl,-z,relro,-z,now)
 endfunction()
 
 function(cloud_svr_hosted target)
-    target_link_libraries(${target} PRIVATE cloud_svr_warnings stdc++)
+    target_link_libraries(${target} PRIVATE cloud_svr_warnings)
+    # A device has no C++ run-time library: what needs one brings it along.
+    if(CMAKE_CROSSCOMPILING)
+        target_link_options(${target} PRIVATE -static-libstdc++ -static-libgcc)
+    else()
+        target_link_libraries(${target} PRIVATE stdc++)
+    endif()
     target_compile_definitions(${target} PRIVATE _GNU_SOURCE)
     set_target_properties(${target} PROPERTIES LINKER_LANGUAGE CXX)
 endfunction()

@@ -2,7 +2,6 @@
 
 #include <pthread.h>
 #include <stdarg.h>
-#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>

@@ -23,6 +23,7 @@ struct CAPABILITY("mutex") mutex_t {
     ~mutex_t() { pthread_mutex_destroy(&native); }
 
     void lock() ACQUIRE() { pthread_mutex_lock(&native); }
+    bool try_lock() TRY_ACQUIRE(true) { return pthread_mutex_trylock(&native) == 0; }
     void unlock() RELEASE() { pthread_mutex_unlock(&native); }
 };
 

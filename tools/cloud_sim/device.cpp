@@ -149,6 +149,22 @@ void say_goodbye(sim_t* sim, sim_device_t* device) {
     }
 }
 
+// How much goes into the next TLS record: whole frames as far as they fit, because a device may
+// take a frame's body with one read. What is no frame, or too long for a record, goes as it comes.
+std::size_t record_size(std::string_view rest) {
+    std::size_t size = 0;
+    while (rest.size() - size >= header_size) {
+        const auto* const header = reinterpret_cast<const unsigned char*>(rest.data() + size);
+        const std::size_t frame = header_size + header[2] * 256U + header[3];
+        if (header[0] != magic_first || header[1] != magic_second || frame > rest.size() - size ||
+            size + frame > SSL3_RT_MAX_PLAIN_LENGTH) {
+            break;
+        }
+        size += frame;
+    }
+    return size > 0 ? size : std::min<std::size_t>(rest.size(), INT_MAX);
+}
+
 void forget(sim_t* sim, int number) {
     std::erase_if(sim->alarms, [&](const auto& alarm) { return alarm.second.device == number; });
     std::erase_if(sim->held, [&](const held_t& held) { return held.device == number; });
@@ -280,11 +296,10 @@ void device_resume(sim_device_t* device) {
 
 void device_flush(sim_t* sim, sim_device_t* device) {
     while (device->fd >= 0 && device->secured && has_output(device)) {
-        const std::size_t rest =
-            std::min<std::size_t>(device->out.size() - device->out_done, INT_MAX);
+        const std::string_view rest = std::string_view(device->out).substr(device->out_done);
         ERR_clear_error();
-        const int count = SSL_write(device->ssl.get(), device->out.data() + device->out_done,
-                                    static_cast<int>(rest));
+        const int count =
+            SSL_write(device->ssl.get(), rest.data(), static_cast<int>(record_size(rest)));
         if (count <= 0) {
             may_retry(sim, device, count, "writing: ");
             break;

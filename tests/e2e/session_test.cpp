@@ -1,0 +1,154 @@
+// The life of the connection: heartbeats, back-off, orders to reconnect, frames on the wire.
+#include <time.h>
+
+#include "e2e/harness.h"
+
+namespace {
+
+using session_test = e2e_test;
+
+TEST_F(session_test, heartbeats_keep_it_and_three_unanswered_ones_replace_it) {
+    start({.heartbeat_ms = 100, .timeout_ms = is_slow() ? 1500 : 300});
+    ASSERT_TRUE(connected());
+    behave([](sim_behaviour_t* behaviour) { behaviour->heartbeat_code = 5; });
+    EXPECT_TRUE(daemon.await_log("fail to send the heartbeat, error=5"));
+    behave([](sim_behaviour_t* behaviour) { behaviour->heartbeat_code = 0; });
+    const std::uint64_t beats = sim_stats(cloud.get()).heartbeats;
+    const auto more = [&](const sim_stats_t& stats) { return stats.heartbeats >= beats + 3; };
+    EXPECT_TRUE(sim_wait_stats(cloud.get(), more, wait_ms()));
+    EXPECT_EQ(sim_stats(cloud.get()).connections, 1U);
+    const std::uint64_t answered = sim_stats(cloud.get()).heartbeats;
+    behave([](auto* behaviour) { behaviour->heartbeat = sim_heartbeat_t::silent; });
+    EXPECT_TRUE(daemon.await_log("fail to send the heartbeat, error=-20002"));
+    EXPECT_GE(sim_stats(cloud.get()).heartbeats, answered + 3);
+    EXPECT_TRUE(connected(2));
+}
+
+TEST_F(session_test, attempts_back_off_until_the_cloud_is_there) {
+    configure();
+    sim_unlisten(cloud.get());
+    const std::int64_t before = now_ms();
+    daemon.launch({"-c", "/tmp/config.cfg"});
+    ASSERT_TRUE(daemon.await_log("next time to reconnect is 1000 ms"));
+    EXPECT_EQ(client_t().request(R"({"method":"x"})", -1, 1).code, -1000);
+    EXPECT_TRUE(daemon.await_log("next time to reconnect is 2000 ms"));
+    ASSERT_TRUE(sim_relisten(cloud.get()));
+    EXPECT_TRUE(connected());
+    EXPECT_GE(now_ms() - before, 3000);
+    EXPECT_EQ(daemon.count_log("next time to reconnect"), 2U);
+}
+
+// The order comes inside the attempt's handshake, from the same task that has to carry it out.
+TEST_F(session_test, a_delay_ordered_by_the_handshake_is_waited_out_whoever_else_orders) {
+    const std::int64_t before = now_ms();
+    start({}, {.hello = sim_hello_t::stop, .hello_value = 1});
+    ASSERT_TRUE(daemon.await_log("next time to reconnect is 1000 ms"));
+    client_t client;
+    EXPECT_EQ(client.request(R"({"method":"x"})").code, -1000);
+    EXPECT_EQ(client.call("reconnect_cloud"), 0);
+    ASSERT_TRUE(daemon.await_log("next time to reconnect is 1000 ms", 2));
+    EXPECT_GE(now_ms() - before, 1000);
+    behave([](sim_behaviour_t* behaviour) { behaviour->hello = sim_hello_t::accept; });
+    EXPECT_TRUE(connected());
+    EXPECT_GE(now_ms() - before, 2000);
+    EXPECT_TRUE(works());
+}
+
+// Each order comes as soon as the cloud has seen the handshake, which is before the end of the task
+// that made the connection.
+TEST_F(session_test, no_order_is_dropped_and_one_task_of_each_kind_is_left) {
+    start();
+    clients.resize(3);
+    for (std::uint64_t round = 1; round <= 30; ++round) {
+        const std::uint64_t seen = sim_stats(cloud.get()).handshakes;
+        const std::size_t orders = 1 + round % clients.size();
+        for (std::size_t i = 0; i < orders; ++i) {
+            clients[i].post("reconnect_cloud");
+        }
+        if (round % 5 == 0) {
+            sim_close(cloud.get(), sim_newest, sim_kind_t::reset);
+        }
+        ASSERT_TRUE(sim_wait_handshakes(cloud.get(), seen + 1, wait_ms())) << round;
+    }
+    EXPECT_TRUE(works());
+    for (const std::string kind : {" to receive from the cloud...", " to check the time out..."}) {
+        EXPECT_TRUE(daemon.await_log("end" + kind, daemon.count_log("begin" + kind) - 1));
+        EXPECT_EQ(daemon.count_log("end" + kind), daemon.count_log("begin" + kind) - 1);
+    }
+    const auto one = [](const sim_stats_t& stats) { return stats.open == 1; };
+    EXPECT_TRUE(sim_wait_stats(cloud.get(), one, wait_ms()));
+}
+
+TEST_F(session_test, after_orders_from_all_sides_it_is_connected) {
+    const int timeout_ms = is_slow() ? 2000 : 500;
+    start({.heartbeat_ms = 100, .timeout_ms = timeout_ms});
+    clients.resize(4);
+    for (int round = 0; round < 3; ++round) {
+        ASSERT_TRUE(works());
+        sim_post(cloud.get(), sim_newest,
+                 R"({"method":"notifyEvent","params":{"event":"stopConnect",)"
+                 R"("attribute":{"reconnectTime":1}}})");
+        for (client_t& client : clients) {
+            client.post("reconnect_cloud");
+            client.post("device_request", request_params(R"({"method":"x"})", -1, round % 2));
+        }
+        behave([&](sim_behaviour_t* behaviour) {
+            behaviour->heartbeat = round == 1 ? sim_heartbeat_t::silent : sim_heartbeat_t::answer;
+        });
+        sim_close(cloud.get(), sim_newest, round == 0 ? sim_kind_t::close : sim_kind_t::reset);
+    }
+    EXPECT_TRUE(works());
+}
+
+// Neither is readable for a select that comes after the first read.
+TEST_F(session_test, frames_are_taken_as_they_come_in_records) {
+    start();
+    ASSERT_TRUE(connected());
+    const auto answered = [&](std::int64_t id) {
+        const auto matches = [id](const sim_entry_t& entry) {
+            return entry.what == sim_what_t::received && entry.method.empty() && entry.id == id;
+        };
+        return sim_wait_entry(cloud.get(), matches, wait_ms()).has_value();
+    };
+    const auto frame = [](int id) {
+        return sim_frame(R"({"method":"quick","id":)" + std::to_string(id) + "}");
+    };
+    sim_send_raw(cloud.get(), sim_newest, frame(11) + frame(12) + frame(13));
+    EXPECT_TRUE(answered(11) && answered(12) && answered(13));
+    for (const std::string& part : {frame(14).substr(0, 2), frame(14).substr(2, 2)}) {
+        sim_send_raw(cloud.get(), sim_newest, part);
+    }
+    sim_send_raw(cloud.get(), sim_newest, frame(14).substr(4));
+    EXPECT_TRUE(answered(14));
+    // A body in two records is one that was cut short.
+    sim_send_raw(cloud.get(), sim_newest, frame(15).substr(0, 10));
+    sim_send_raw(cloud.get(), sim_newest, frame(15).substr(10));
+    EXPECT_TRUE(daemon.await_log("fail to ssl_socket_rcv, code=-10101"));
+    sim_send_raw(cloud.get(), sim_newest, frame(16));
+    EXPECT_TRUE(answered(16));
+}
+
+// One client owes the hello, one waits to be connected, one for its answer; and nothing spins.
+TEST_F(session_test, waiting_takes_no_processor_time) {
+    for (const char* hello_cloud : {"1", "0"}) {
+        start({.kit = ""});
+        client_t client;
+        client.post("register_callback", std::string(R"({"hello_cloud":)") + hello_cloud + "}");
+        ASSERT_NE(
+            client.await_method(*hello_cloud == '1' ? "request_of_hello_cloud" : "cloud_request"),
+            "");
+        clockid_t clock = 0;
+        ASSERT_EQ(clock_getcpuclockid(daemon.pid, &clock), 0);
+        timespec before = {};
+        timespec after = {};
+        clock_gettime(clock, &before);
+        EXPECT_EQ(client.await_method("none", 1000), "");
+        clock_gettime(clock, &after);
+        EXPECT_LT(
+            (after.tv_sec - before.tv_sec) * 1000 + (after.tv_nsec - before.tv_nsec) / 1000000,
+            is_slow() ? 500 : 200);
+        daemon.stop();
+    }
+}
+
+}  // namespace

@@ -1,0 +1,1 @@
+int kit_without_functions = 0;
