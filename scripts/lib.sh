@@ -28,3 +28,21 @@ build_preset() {
             cmake --build --preset "$preset" ${1:+--target "$@"}
     )
 }
+
+# Installs those of the packages that are missing: with everything there it needs neither a network
+# nor root.
+install_missing() {
+    local installed package missing=()
+    # dpkg-query fails for a name it has never heard of, which here only means "not installed".
+    installed=$(dpkg-query -W -f '${db:Status-Status} ${Package}\n' "$@" 2>/dev/null) || true
+    for package; do
+        grep -qxF "installed $package" <<<"$installed" || missing+=("$package")
+    done
+    ((${#missing[@]})) || return 0
+    say "installing ${missing[*]}"
+    ((EUID == 0)) || die "run it as root, or have installed: ${missing[*]}"
+    export DEBIAN_FRONTEND=noninteractive
+    # One of several lists may be out of reach; apt-get install says so if that one was needed.
+    apt-get update -qq || say "not every package list could be fetched"
+    apt-get install -qq --no-install-recommends "${missing[@]}"
+}

@@ -1,30 +1,21 @@
 #!/usr/bin/env bash
 # Installs what building, running and testing need from Debian 12's own packages: only what is
 # missing, so with everything there it needs neither a network nor root.
-#   scripts/setup.sh [--ci]     --ci: also the compilers and checkers that .ci/run wants
+#   scripts/setup.sh [--ci] [--bench]     --ci: also the compilers and checkers that .ci/run wants
+#                                     --bench: also what scripts/bench.sh compares with
 set -euo pipefail
 # shellcheck source=scripts/lib.sh
 . "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
 wanted=(g++ cmake ninja-build pkg-config libssl-dev libcjson-dev libcli11-dev libgtest-dev
         openssl coreutils python3)
-case "${*-}" in
-    '') ;;
-    --ci) wanted+=(clang clang-tidy clang-format libclang-rt-14-dev shellcheck mandoc binutils
-                   strace git) ;;
-    *) die "usage: scripts/setup.sh [--ci]" ;;
-esac
-
-# dpkg-query fails for a name it has never heard of, which here only means "not installed".
-installed=$(dpkg-query -W -f '${db:Status-Status} ${Package}\n' "${wanted[@]}" 2>/dev/null) || true
-missing=()
-for package in "${wanted[@]}"; do
-    grep -qxF "installed $package" <<<"$installed" || missing+=("$package")
+for option; do
+    case $option in
+        --ci) wanted+=(clang clang-tidy clang-format libclang-rt-14-dev shellcheck mandoc binutils
+                       strace git) ;;
+        --bench) wanted+=(stunnel4 mosquitto util-linux) ;;
+        *) die "usage: scripts/setup.sh [--ci] [--bench]" ;;
+    esac
 done
-((${#missing[@]})) || exit 0
 
-say "installing ${missing[*]}"
-((EUID == 0)) || die "run it as root, or have installed: ${missing[*]}"
-export DEBIAN_FRONTEND=noninteractive
-apt-get update -qq
-apt-get install -qq --no-install-recommends "${missing[@]}"
+install_missing "${wanted[@]}"

@@ -1,13 +1,13 @@
 #include <fcntl.h>
 #include <malloc.h>
 #include <signal.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <time.h>
 #include <unistd.h>
 
-#include <openssl/crypto.h>
-
 #include "config.h"
+#include "link/tls.h"
 #include "server/cloud_svr.h"
 #include "server/cloud_svr_handle.h"
 #include "util/log.h"
@@ -65,7 +65,15 @@ void malloc_prepare() {
 #endif
 }
 
+// There is nothing yet that would have to be cleaned up.
+void openssl_lacks_memory() {
+    LOG_ERROR("fail to initialize a unix server");
+    fflush(stdout);
+    _exit(kExitNoServer);
+}
+
 int start(config_t* config) {
+    tls_prepare(openssl_lacks_memory);
     g_server = cloud_svr_init(kSocketPath, config);
     if (g_server == nullptr) {
         LOG_ERROR("fail to initialize a unix server");
@@ -86,19 +94,11 @@ int start(config_t* config) {
     return 0;
 }
 
-// A task's thread may still be ending when the process exits: OpenSSL must not clean up under it.
-void openssl_prepare() {
-#if OPENSSL_VERSION_NUMBER >= 0x10101000L
-    (void)OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
-#endif
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
     standard_descriptors_open();
     signals_prepare();
-    openssl_prepare();
     malloc_prepare();
     srand(static_cast<unsigned>(getpid()) + static_cast<unsigned>(time(nullptr)));
     LOG_DEBUG("start...");

@@ -39,6 +39,10 @@ struct inner_api_t {
     std::atomic<int32_t> client_fd{0};
     std::atomic<int32_t> client_hello_cloud{0};  // non-zero: shakes hands through the client
 
+    // A reconnection was ordered, but its task could not be started: session_catch_up makes up for
+    // it.
+    std::atomic<bool> reconnect_owed{false};
+
     event_t changed;
     std::atomic<bool> stopping{false};  // set once, before everything else is stopped
 

@@ -182,6 +182,7 @@ void start_reconnect_unsafe(inner_api_t* api, int32_t force, int32_t delay_ms) R
     if (code != 0) {
         LOG_ERROR("fail to create a task to reconnect, error=%d", code);
         inner_state_clear_unsafe(api, INNER_API_RECONNECTING);
+        api->reconnect_owed = true;
     }
 }
 
@@ -224,6 +225,16 @@ void session_replace(inner_api_t* api, uint32_t connection) {
     if (ssl_socket_get_connection(api->ssl_socket) == connection) {
         start_reconnect_unsafe(api, 1, 0);
     }
+}
+
+void session_catch_up(inner_api_t* api) {
+    // An attempt that holds the lock needs no help.
+    if (!api->reconnect_owed || !api->lock.try_lock()) {
+        return;
+    }
+    api->reconnect_owed = false;
+    start_reconnect_unsafe(api, 0, static_cast<int32_t>(api->reconnect_delay_ms));
+    api->lock.unlock();
 }
 
 bool session_task_goes_on(const session_task_t* task) {

@@ -19,6 +19,10 @@ int32_t session_disconnect(inner_api_t* api);
 // first. An order that comes while a reconnect task runs is carried out by that task.
 void session_start_reconnect(inner_api_t* api, int32_t force, int32_t delay_ms);
 
+// Tries again to start a reconnection whose task could not be started: without a thread for it the
+// device would stay disconnected until somebody asks for something. Never waits.
+void session_catch_up(inner_api_t* api);
+
 // One connection's tasks are given this.
 struct session_task_t {
     inner_api_t* api;

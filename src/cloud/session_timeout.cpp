@@ -98,6 +98,8 @@ void task_timeout_check(void* arg) {
     LOG_DEBUG("begin to check the time out...");
     const text_ptr text = timeout_answer_get();
     if (text == nullptr) {
+        // Without this task nobody would notice that the link is dead, nor end what is overdue.
+        session_replace(task->api, task->connection);
         return;
     }
     // Sleeps until the next check or until the connection is over, whichever comes first.

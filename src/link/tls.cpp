@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 #include <errno.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -30,7 +29,8 @@ int32_t connect_failed(int result) {
 }
 
 int32_t socket_open(tls_t* tls) {
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    // Non-blocking from the start: a call that waits inside OpenSSL would wait with the lock held.
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0) {
         LOG_ERROR("fail to create the socket, error=%d", fd);
         return TLS_NO_SOCKET;
@@ -40,7 +40,6 @@ int32_t socket_open(tls_t* tls) {
         errno = EMFILE;
         return connect_failed(-1);
     }
-    (void)fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
     // A frame is one write: holding it back for an acknowledgement only delays the answer.
     const int on = 1;
     (void)setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));

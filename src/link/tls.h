@@ -23,6 +23,11 @@ constexpr int32_t TLS_HANDSHAKE_MS = 10000;
 // clean up.
 constexpr int32_t TLS_NO_SOCKET = 1;
 
+// Sets up, before any thread exists, what OpenSSL sets up once. Where memory is out in between,
+// OpenSSL crashes or is left half set up, and the process could not connect until its end: instead
+// `no_memory` is called, which must end the process. To be called before any other use of OpenSSL.
+void tls_prepare(void (*no_memory)());
+
 // Connects to the dotted address `host` within `timeout_ms` and shakes hands; gives up within
 // 100 ms once `interrupted` is set. The server's certificate is not verified; `cer_file`, unless
 // NULL, only names the CAs that the client side announces. The descriptor is non-blocking

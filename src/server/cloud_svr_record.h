@@ -35,6 +35,7 @@ struct cloud_svr_t {
     // The worker's own while it runs.
     svr_client_t** clients = nullptr;  // max_client_number slots, NULL: free
     deadline_t accept_rest = {0, 0};   // the listening socket is left alone until then
+    deadline_t catch_up_rest = {0, 0};
 };
 
 // The worker's thread body.

@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "cloud/session.h"
 #include "cloud_svr_codes.h"
 #include "ipc/ipc_socket.h"
 #include "ipc/local_client.h"
@@ -18,6 +19,7 @@ namespace {
 
 constexpr long kSelectUs = 100000;
 constexpr int32_t kAcceptRestMs = 100;
+constexpr int32_t kCatchUpRestMs = 1000;
 constexpr int32_t kGreetingTaken = 0;
 constexpr int32_t kGreetingRefused = 1;
 
@@ -213,6 +215,14 @@ void pass_clear(pass_t* pass) {
     FD_ZERO(&pass->writable);
 }
 
+// The worker is the one thread that is there whatever runs out.
+void catch_up(cloud_svr_t* server) {
+    if (deadline_left(server->catch_up_rest) == 0) {
+        session_catch_up(server->inner_api);
+        server->catch_up_rest = deadline_in(kCatchUpRestMs);
+    }
+}
+
 // One pass. The clients that were there before an accept are those that select looked at.
 void cloud_svr_work(cloud_svr_t* server) {
     pass_t pass = pass_prepare(server);
@@ -254,6 +264,7 @@ void* cloud_svr_worker(void* arg) {
     server->flags |= CLOUD_SVR_WORKING;
     while ((server->flags & CLOUD_SVR_RUNNING) != 0) {
         cloud_svr_work(server);
+        catch_up(server);
     }
     server->flags &= ~CLOUD_SVR_WORKING;
     LOG_DEBUG("end to work...");
