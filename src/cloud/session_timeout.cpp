@@ -4,6 +4,7 @@
 #include "cloud_svr_codes.h"
 #include "ipc/cloud_svr_message.h"
 #include "util/log.h"
+#include "util/memory.h"
 
 namespace {
 
@@ -71,6 +72,16 @@ void request_is_overdue(inner_api_t* api, int32_t id, const msg_data_t& data, co
     }
 }
 
+// Once in each quiet period, told by the time of the last send.
+void quiet_give_back(const inner_api_t* api, uint32_t* given_back_for) {
+    const uint32_t last_active_ms = api->last_active_ms;
+    if (last_active_ms != *given_back_for &&
+        monotonic_ms_get() - last_active_ms >= kCheckIntervalMs) {
+        *given_back_for = last_active_ms;
+        memory_give_back();
+    }
+}
+
 }  // namespace
 
 text_ptr timeout_answer_get() {
@@ -103,13 +114,14 @@ void task_timeout_check(void* arg) {
         return;
     }
     // Sleeps until the next check or until the connection is over, whichever comes first.
-    const deadline_t first = {monotonic_ms_get(), kCheckIntervalMs};
-    deadline_t next = first;
+    deadline_t next = {monotonic_ms_get(), kCheckIntervalMs};
+    uint32_t given_back_for = 0;
     while (!event_wait(&task->api->changed, next, is_over, task)) {
         next.start_ms = monotonic_ms_get();
         heartbeat_interval(task);
         check_timeout_of_request(task->api, text.get());
         response_data_check_timeout(task->api->response_list);
+        quiet_give_back(task->api, &given_back_for);
     }
     LOG_DEBUG("end to check the time out...");
 }

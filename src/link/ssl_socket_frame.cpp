@@ -301,6 +301,9 @@ int32_t ssl_socket_rcv_on(ssl_socket_t* socket, uint32_t connection, int32_t tim
             const mutex_lock_t turn(link.socket->read_turn);
             code = rcv_unsafe(link, json);
         }
+        if (code == CLOUD_SVR_E_INCOMPLETE && !link_is_current(&link)) {
+            return CLOUD_SVR_E_NOTHING;  // dropped by ourselves while it was looked at
+        }
         if (code != kNoFrameYet) {
             return code;
         }

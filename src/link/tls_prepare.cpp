@@ -14,7 +14,7 @@
 
 namespace {
 
-#if OPENSSL_VERSION_NUMBER >= 0x10100000L
+#if OPENSSL_VERSION_NUMBER >= 0x10101000L
 
 // Not NULL while OpenSSL is set up. No other thread exists then.
 void (*g_no_memory)() = nullptr;

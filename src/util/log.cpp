@@ -15,64 +15,84 @@
 namespace {
 
 constexpr size_t kTimestampSize = 24;
+constexpr size_t kHeadSize = 256;
 
-// The last second that was broken down: converting costs more than all the rest of a line, and
-// hundreds of lines may share one second.
-struct broken_down_t {
+// "%04d-%02d-%02d %02d:%02d:%02d" of the last second that was converted: converting costs more
+// than all the rest of a line, and hundreds of lines may share one second.
+struct converted_t {
     mutex_t lock;
-    bool known GUARDED_BY(lock) = false;
-    time_t second GUARDED_BY(lock) = 0;
-    struct tm fields GUARDED_BY(lock) = {};
+    time_t second GUARDED_BY(lock) = -1;
+    char text[kTimestampSize] GUARDED_BY(lock) = "";  // empty: it can't be converted
 };
 
-broken_down_t g_last;
+converted_t g_last;
 
-bool local_time_get(time_t second, struct tm* fields) {
-    const mutex_lock_t held(g_last.lock);
-    if (!g_last.known || g_last.second != second) {
-        g_last.known = localtime_r(&second, &g_last.fields) != nullptr;
-        g_last.second = second;
+// A year has four digits here as far as any clock counts; the text is cut rather than overrun.
+void convert(time_t second, char* text) {
+    struct tm fields;
+    text[0] = '\0';
+    if (localtime_r(&second, &fields) == nullptr) {
+        return;
     }
-    *fields = g_last.fields;
-    return g_last.known;
+    char whole[kTimestampSize * 4];
+    snprintf(whole, sizeof(whole), "%04d-%02d-%02d %02d:%02d:%02d", fields.tm_year + 1900,
+             fields.tm_mon + 1, fields.tm_mday, fields.tm_hour, fields.tm_min, fields.tm_sec);
+    memcpy(text, whole, kTimestampSize - 1);
+    text[kTimestampSize - 1] = '\0';
+}
+
+// Writes the local time into `text`, kTimestampSize bytes; false when it can't be had.
+bool timestamp_write(char* text) {
+    struct timeval now;
+    gettimeofday(&now, nullptr);
+    {
+        const mutex_lock_t held(g_last.lock);
+        if (g_last.second != now.tv_sec) {
+            g_last.second = now.tv_sec;
+            convert(now.tv_sec, g_last.text);
+        }
+        memcpy(text, g_last.text, kTimestampSize);
+    }
+    const size_t length = strlen(text);
+    const auto milliseconds = static_cast<unsigned>(now.tv_usec / 1000) % 1000;
+    if (length == 0 || length + sizeof(".000") > kTimestampSize) {
+        return length != 0;
+    }
+    text[length] = '.';
+    text[length + 1] = static_cast<char>('0' + milliseconds / 100);
+    text[length + 2] = static_cast<char>('0' + milliseconds / 10 % 10);
+    text[length + 3] = static_cast<char>('0' + milliseconds % 10);
+    text[length + 4] = '\0';
+    return true;
 }
 
 }  // namespace
 
 char* log_timestamp_get() {
-    struct timeval now;
-    struct tm fields;
-    gettimeofday(&now, nullptr);
-    if (!local_time_get(now.tv_sec, &fields)) {
+    char text[kTimestampSize];
+    if (!timestamp_write(text)) {
         return nullptr;
     }
-    char* const text = static_cast<char*>(calloc(1, kTimestampSize));
-    if (text == nullptr) {
-        return nullptr;
-    }
-    char whole[kTimestampSize * 4];  // a year may have more digits than its column
-    snprintf(whole, sizeof(whole), "%04d-%02d-%02d %02d:%02d:%02d.%03d", fields.tm_year + 1900,
-             fields.tm_mon + 1, fields.tm_mday, fields.tm_hour, fields.tm_min, fields.tm_sec,
-             static_cast<int>(now.tv_usec / 1000));
-    memcpy(text, whole, kTimestampSize - 1);
-    return text;
+    char* const copy = static_cast<char*>(calloc(1, kTimestampSize));
+    return copy == nullptr ? nullptr : strcpy(copy, text);
 }
 
 void log_print(const char* level, const char* file, int line, const char* function,
                const char* format, ...) {
-    const text_ptr timestamp(log_timestamp_get());
+    char timestamp[kTimestampSize];
+    const bool dated = timestamp_write(timestamp);
     const auto process = static_cast<int>(getpid());
-    // A pointer to some C libraries, a number to others: only this cast takes both.
-    const auto thread = (unsigned long)pthread_self();
+    const auto thread = static_cast<unsigned long>(reinterpret_cast<uintptr_t>(pthread_self()));
+    char head[kHeadSize];
+    snprintf(head, sizeof(head), "%s%s%5s | %d:0x%lX | %s:%d | %s | - ", dated ? timestamp : "",
+             dated ? " | " : "", level, process, thread, file, line, function);
     va_list arguments;
     va_start(arguments, format);
+    // Head, message and newline stay one line whoever else logs.
     flockfile(stdout);
-    if (timestamp != nullptr) {
-        printf("%s | ", timestamp.get());
-    }
-    printf("%5s | %d:0x%lX | %s:%d | %s | - ", level, process, thread, file, line, function);
-    vprintf(format, arguments);
-    putchar('\n');
+    (void)fputs(head, stdout);
+    (void)vprintf(format, arguments);
+    (void)putchar('\n');
     funlockfile(stdout);
     va_end(arguments);
 }

@@ -25,7 +25,8 @@ task_pool_t* task_pool_init();
 //   then still the caller's.
 int32_t task_pool_add(task_pool_t* pool, task_pool_work_fn work, task_pool_done_fn done, void* arg);
 
-// Waits until no task runs, without a limit. Nobody may add meanwhile. NULL is ignored.
+// Waits until no task runs, without a limit. Nobody but the pool's own tasks may add
+// meanwhile. NULL is ignored.
 void task_pool_wait(task_pool_t* pool);
 
 // task_pool_wait, then frees the pool. NULL is ignored.
