@@ -15,6 +15,7 @@ CLIENTS = (1, 8, 32, 200)
 MEMORY_CLIENTS = (1, 32, 200)
 LARGE = (4096, 16000)
 LIMIT_S = 30
+QUIET_S = 2
 
 STUNNEL = """foreground = yes
 pid =
@@ -196,20 +197,30 @@ class Stack:
 
     # ---- Measurements; each gives a record
 
-    def load(self, way, clients, size, seconds=None, gateway=None, peer=None):
-        """Holds the connections while `gateway` (the process's id) is looked at."""
+    def drive(self, way, clients, size, seconds=None, peer=None):
+        """The driver, whose connections stay open until it is ended, and its record."""
         pids = [self.gateways[way].pid] if way in self.gateways else []
         driver = self.start([self.tool, "load", peer or self.peers[way], clients, size,
                              seconds or self.seconds, *pids])
-        record = json.loads(line_of(driver))
-        if gateway is not None:
-            time.sleep(0.5)
-            record.update(memory_of(gateway), threads=int(status_of(gateway)["Threads"]))
+        return driver, json.loads(line_of(driver))
+
+    def load(self, way, clients, size, peer=None):
+        driver, record = self.drive(way, clients, size, peer=peer)
         self.end(driver)
         for log in ("cloud_svr", "near", "far", "stunnel"):
             if os.path.exists(f"/tmp/{log}.log"):
                 os.truncate(f"/tmp/{log}.log", 0)
         return record
+
+    def memory(self, clients, seconds):
+        """What the gateways hold when so many clients have become quiet."""
+        driven = {way: self.drive(way, clients, 128, seconds) for way in self.gateways}
+        time.sleep(QUIET_S)
+        for way, (driver, record) in driven.items():
+            pid = self.gateways[way].pid
+            record.update(memory_of(pid), threads=int(status_of(pid)["Threads"]))
+            self.end(driver)
+        return {way: record for way, (_, record) in driven.items()}
 
     def ask(self, cloud, way, window):
         pids = [self.gateways[way].pid] if way in self.gateways else []
@@ -261,11 +272,8 @@ class Stack:
         return float(driver.communicate(timeout=LIMIT_S)[0])
 
     def idle(self, seconds):
-        quiet = [self.start([self.tool, "load", peer, 1, 128, 0.05])
-                 for peer in self.peers.values()]
-        for driver in quiet:
-            line_of(driver)
-        time.sleep(1)
+        quiet = [self.drive(way, 1, 128, 0.05)[0] for way in self.peers]
+        time.sleep(QUIET_S)
         pids = {way: process.pid for way, process in self.gateways.items()}
         before = {way: (cpu_of(pid), wake_ups_of(pid)) for way, pid in pids.items()}
         time.sleep(seconds)
@@ -278,8 +286,10 @@ class Stack:
 
 
 class Run:
-    def __init__(self, stack, quick):
-        self.stack, self.quick = stack, quick
+    """One mode. `thorough`: with what hardly depends on the mode; a quick run does that once."""
+
+    def __init__(self, stack, quick, thorough):
+        self.stack, self.quick, self.thorough = stack, quick, thorough
         self.figures = {}
 
     def add(self, case, way, value):
@@ -287,14 +297,18 @@ class Run:
 
     def memory(self):
         for clients in MEMORY_CLIENTS:
-            for way, process in self.stack.gateways.items():
-                record = self.stack.load(way, clients, 128, 0.1 if self.quick else 0.5, process.pid)
+            for way, record in self.stack.memory(clients, 0.1 if self.quick else 0.5).items():
                 self.add(f"memory {clients}", way, record)
         for way, process in self.stack.gateways.items():
             self.add("peak", way, int(status_of(process.pid)["VmHWM"].split()[0]))
 
+    def idle(self):
+        for way, record in self.stack.idle(2 if self.quick else 10).items():
+            self.add("idle", way, record)
+
     def loads(self):
-        for size, counts in ((128, CLIENTS), *((size, (1, 32)) for size in LARGE)):
+        large_counts = (1,) if self.quick else (1, 32)
+        for size, counts in ((128, CLIENTS), *((size, large_counts) for size in LARGE)):
             for clients in counts:
                 for way in self.stack.peers:
                     self.add(f"{clients} x {size}", way, self.stack.load(way, clients, size))
@@ -319,8 +333,9 @@ class Run:
         for window in (1, 8):
             for way, record in self.stack.asks(window).items():
                 self.add(f"ask {window}", way, record)
-        for way in self.stack.peers if number == 0 or not self.quick else ():
-            self.add("reconnect", way, self.stack.gap(way))
+        if self.thorough and (number == 0 or not self.quick):
+            for way in self.stack.peers:
+                self.add("reconnect", way, self.stack.gap(way))
         self.other_logs()
         for _ in range(1 if self.quick else 3):
             for way in self.stack.peers:
@@ -328,9 +343,9 @@ class Run:
         self.stack.daemon_start()
 
     def all(self, rounds):
-        self.memory()
-        for way, record in self.stack.idle(2 if self.quick else 10).items():
-            self.add("idle", way, record)
+        if self.thorough:
+            self.memory()
+            self.idle()
         for number in range(rounds):
             print(f"   round {number + 1} of {rounds}", file=sys.stderr)
             self.round(number)
@@ -351,9 +366,9 @@ def main():
     for mode, allowed in (("all cores", cores), ("one core", {max(cores)})):
         print(f"== {mode}", file=sys.stderr)
         os.sched_setaffinity(0, allowed)  # everything that is started inherits it
-        stack = Stack(options.build, 0.1 if options.quick else 1)
+        stack = Stack(options.build, 0.08 if options.quick else 1)
         try:
-            figures[mode] = Run(stack, options.quick).all(3)
+            figures[mode] = Run(stack, options.quick, not options.quick or not figures).all(3)
         finally:
             stack.end_all()
     json.dump({"cores": len(cores), "quick": options.quick, "figures": figures}, sys.stdout,

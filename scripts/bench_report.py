@@ -78,7 +78,7 @@ def print_table(run):
     rows = []
     for mode, figures in run["figures"].items():
         rows.append([f"**{mode}**"] + [""] * (len(header) - 1))
-        rows += [table_row(figures, *row) for row in ROWS]
+        rows += [table_row(figures, *row) for row in ROWS if row[1] in figures]
     widths = [max(len(row[i]) for row in [header, *rows]) for i in range(len(header))]
     rule = ["-" * widths[0], *("-" * (width - 1) + ":" for width in widths[1:])]
     for row in [header, rule, *rows]:

@@ -13,7 +13,8 @@ targets=(fuzz_local fuzz_cloud fuzz_config fuzz_kit)
 build=$(build_folder fuzz)
 findings=$root/tests/fuzz/findings
 
-export ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1
+# A small quarantine: one input's own memory is all that must stay in it.
+export ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1:quarantine_size_mb=8:malloc_context_size=12
 export LSAN_OPTIONS=suppressions=$root/tests/sanitizers/lsan.supp:print_suppressions=0
 export UBSAN_OPTIONS=print_stacktrace=1
 
@@ -36,7 +37,7 @@ frames() {
 
 # Each message alone, all of them as one stream, and conversations that get beyond the handshake.
 seeds_make() {
-    local seeds=$build/seeds from_clients from_cloud answers accepted
+    local seeds=$build/seeds from_clients from_cloud answers register request accepted
     rm -rf "$seeds"
     mkdir -p "${targets[@]/#/$seeds/}"
     from_clients=$(examples 'The local socket')
@@ -47,14 +48,16 @@ seeds_make() {
     frames 4 <<<"$from_clients" >"$seeds/fuzz_local/stream"
     frames 2 <<<"$from_cloud" >"$seeds/fuzz_cloud/stream"
 
-    answers=$(grep -v inner_method <<<"$from_clients" | grep response)
-    { grep register <<<"$from_clients" && echo "$answers" && grep -v register <<<"$from_clients"; } \
-        >"$seeds/fuzz_local/hello"
-    { grep register <<<"$from_clients" | sed 's/_cloud":1/_cloud":0/' && echo "$answers" &&
-        echo "$answers" && grep device_request <<<"$from_clients"; } |
-        sed 's/"inner_id":5/"inner_id":1/' >"$seeds/fuzz_local/default"
-
+    answers=$(grep -E '^\{"inner_(result|id":5,"inner_error_code":0)' <<<"$from_clients")
+    register=$(grep '"register' <<<"$from_clients")
+    request=$(grep device_request <<<"$from_clients")
     accepted=$(grep '"illegalType":0' <<<"$from_cloud")
+    printf '%s\n' "$register" "$answers" "$from_clients" >"$seeds/fuzz_local/hello"
+    printf '%s\n' "$register" "$answers" "$answers" "$request" |
+        sed 's/_cloud":1/_cloud":0/; s/"inner_id":5/"inner_id":1/' >"$seeds/fuzz_local/default"
+    # The cloud leaves requests unanswered until no id is free; a second client wants to register.
+    printf '%s\n' "C$accepted" "$register" "$answers" W W W W0 "$request" "$request" "$request" \
+        "$request" "1$register" ++++ "1$request" >"$seeds/fuzz_local/unanswered"
     printf '%s\n' "$accepted" "$from_cloud" >"$seeds/fuzz_cloud/hello"
     { printf D && grep -m 1 '^{"error_code":0,"id"' <<<"$from_cloud" &&
         grep -E 'getDeviceInfo|legalDevice' <<<"$from_cloud" && echo "$from_cloud"; } \

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "config.h"
+#include "link/dns.h"
 #include "link/tls.h"
 #include "server/cloud_svr.h"
 #include "server/cloud_svr_handle.h"
@@ -66,14 +67,23 @@ void malloc_prepare() {
 }
 
 // There is nothing yet that would have to be cleaned up.
-void openssl_lacks_memory() {
+void library_lacks_memory() {
     LOG_ERROR("fail to initialize a unix server");
     fflush(stdout);
     _exit(kExitNoServer);
 }
 
+// What libraries set up at their first use and don't recover from when memory is out then: it
+// must not be out now.
+void libraries_prepare() {
+    tls_prepare(library_lacks_memory);
+    if (!dns_prepare()) {
+        library_lacks_memory();
+    }
+}
+
 int start(config_t* config) {
-    tls_prepare(openssl_lacks_memory);
+    libraries_prepare();
     g_server = cloud_svr_init(kSocketPath, config);
     if (g_server == nullptr) {
         LOG_ERROR("fail to initialize a unix server");

@@ -56,6 +56,10 @@ void rotate_unsafe(ip_list_t* list) REQUIRES(list->lock) {
 
 }  // namespace
 
+bool dns_prepare() {
+    return gethostbyname("127.0.0.1") != nullptr || h_errno != NETDB_INTERNAL;
+}
+
 ip_list_t* ip_list_parse(const char* domain) {
     LOG_DEBUG("begin to parse the domain...");
     const struct hostent* const host = gethostbyname(domain);

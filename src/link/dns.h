@@ -21,6 +21,10 @@ struct ip_list_t {
     ip_node_t* first GUARDED_BY(lock) = nullptr;  // what the first call handed out
 };
 
+// Makes libc set up its resolver, before any thread exists: one that lacks memory at its first use
+// can be left with its lock held, or failing for good. False when memory is out.
+bool dns_prepare();
+
 // Resolves `domain`, which can take as long as the resolver's own time-outs. A new list, empty
 // when the name has no addresses; NULL when it doesn't resolve or memory is out.
 ip_list_t* ip_list_parse(const char* domain);

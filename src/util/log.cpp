@@ -82,7 +82,8 @@ void log_print(const char* level, const char* file, int line, const char* functi
     char timestamp[kTimestampSize];
     const bool dated = timestamp_write(timestamp);
     const auto process = static_cast<int>(getpid());
-    const auto thread = static_cast<unsigned long>(reinterpret_cast<uintptr_t>(pthread_self()));
+    // A pointer to some C libraries, a number to others: only this cast takes both.
+    const auto thread = (unsigned long)pthread_self();
     char head[kHeadSize];
     snprintf(head, sizeof(head), "%s%s%5s | %d:0x%lX | %s:%d | %s | - ", dated ? timestamp : "",
              dated ? " | " : "", level, process, thread, file, line, function);

@@ -13,7 +13,8 @@ char* string_dup(const char* s) {
     return copy == nullptr ? nullptr : static_cast<char*>(memcpy(copy, s, size));
 }
 
-#ifdef __GLIBC__
+// uClibc calls itself glibc, too.
+#if defined(__GLIBC__) && !defined(__UCLIBC__)
 namespace {
 
 // glibc keeps the stacks of ended threads, with the pages that they touched, up to 40 MiB of them.

@@ -28,8 +28,7 @@ struct cloud_requests_test : e2e_test {
 };
 
 TEST_F(cloud_requests_test, a_kit_answers_several_at_once) {
-    start();
-    ASSERT_TRUE(connected());
+    connect();
     sim_post(cloud.get(), sim_newest, R"({"method":"mute"})");
     const std::int64_t slow = sim_post(cloud.get(), sim_newest, R"({"method":"slow"})");
     const std::int64_t quick = sim_post(cloud.get(), sim_newest, R"({"method":"quick"})");
@@ -46,7 +45,7 @@ TEST_F(cloud_requests_test, a_kit_answers_several_at_once) {
 }
 
 TEST_F(cloud_requests_test, a_client_answers_in_any_order) {
-    client_t& client = agent_start({.timeout_ms = is_slow() ? 4000 : 1000, .kit = ""});
+    client_t& client = agent_start({.timeout_ms = is_slow() ? 6000 : 2000, .kit = ""});
     const struct {
         std::string reply;  // behind "inner_id"
         std::string answer;
@@ -134,8 +133,7 @@ TEST_F(cloud_requests_test, of_many_that_register_at_the_same_moment_one_wins) {
 }
 
 TEST_F(cloud_requests_test, events_are_answered_and_then_carried_out) {
-    start();
-    ASSERT_TRUE(connected());
+    connect();
     const struct {
         const char* params;
         const char* log;

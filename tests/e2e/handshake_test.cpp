@@ -5,73 +5,73 @@ namespace {
 
 using handshake_test = e2e_test;
 
-struct verdict_t {
-    const char* name;
-    const char* kit;
-    sim_behaviour_t behaviour;
-    const char* log;  // what the daemon says of it
-    bool refused;     // whether it doesn't try again
-};
+using verdict_test = case_test;
 
-void PrintTo(const verdict_t& item, std::ostream* out) {
-    *out << item.name;
+TEST_P(verdict_test, is_understood) {
+    start(GetParam().settings, GetParam().behaviour);
+    GetParam().run(this);
+    EXPECT_EQ(daemon.count_log("begin to receive from the cloud..."), 0U);
+}
+
+std::function<void(e2e_test*)> tries_again(const char* log) {
+    return [=](e2e_test* test) {
+        EXPECT_TRUE(test->daemon.await_log(log));
+        EXPECT_TRUE(test->daemon.await_log("next time to reconnect is 1000 ms"));
+    };
+}
+
+std::function<void(e2e_test*)> gives_up(const char* log) {
+    return [=](e2e_test* test) {
+        EXPECT_TRUE(test->daemon.await_log(log));
+        EXPECT_TRUE(test->daemon.await_log("stop to reconnect"));
+        EXPECT_TRUE(test->daemon.await_log("end to connect the cloud..."));
+    };
+}
+
+sim_behaviour_t hello(sim_hello_t kind, int value = 0) {
+    return {.hello = kind, .hello_value = value};
 }
 
 sim_behaviour_t answer(const char* text) {
     return {.hello = sim_hello_t::custom, .hello_answer = text};
 }
 
-sim_behaviour_t verdict(const char* text) {
-    return {.verdict = text};
+sim_behaviour_t asked(const char* text) {
+    return {.device_info = text};
 }
 
-struct verdict_test : e2e_test, testing::WithParamInterface<verdict_t> {};
-
-TEST_P(verdict_test, is_understood) {
-    const verdict_t& item = GetParam();
-    start({.timeout_ms = is_slow() ? 3000 : 1000, .kit = item.kit}, item.behaviour);
-    EXPECT_TRUE(daemon.await_log(item.log));
-    EXPECT_TRUE(daemon.await_log(item.refused ? "stop to reconnect" : "next time to reconnect is"));
-    EXPECT_TRUE(!item.refused || daemon.await_log("end to connect the cloud..."));
-    EXPECT_EQ(daemon.count_log("begin to receive from the cloud..."), 0U);
+sim_behaviour_t told(const char* params) {
+    return {.verdict = std::string(R"({"method":"notifyEvent")") + params + "}"};
 }
 
-const verdict_t verdicts[] = {
-    {"refused", "full", {.hello = sim_hello_t::refuse, .hello_value = 2}, "illegal type=2", true},
-    {"error_code",
-     "full",
-     {.hello = sim_hello_t::error, .hello_value = 5},
-     "fail to reconnect the cloud, code=5",
-     false},
-    {"other_id", "full", {.hello = sim_hello_t::wrong_id}, "the cloud, code=-20100", false},
-    {"no_answer", "full", {.hello = sim_hello_t::silent}, "the cloud, code=-3000", false},
-    {"no_error_code", "full", answer(R"({"result":{"illegalType":0}})"), "code=-10100", false},
-    {"no_result", "full", answer(R"({"error_code":0})"), "fail to get the result from", false},
-    {"empty_result", "full", answer(R"({"error_code":0,"result":{}})"), "code=-10100", false},
-    {"result_no_object", "full", answer(R"({"error_code":0,"result":"x"})"), "code=-10100", false},
-    {"type_before_stop", "full",
-     answer(R"({"error_code":0,"result":{"stopConnect":1,"illegalType":3,"reconnectTime":1}})"),
-     "illegal type=3", true},
-    {"beat_error", "respond", {.heartbeat_code = 7}, "reconnect the cloud, code=7", false},
-    {"beat_id", "respond", {.heartbeat = sim_heartbeat_t::wrong_id}, "code=-20100", false},
-    {"no_question", "respond", {.device_info = "", .verdict = ""}, "code=-3000", false},
-    {"letter_case", "respond", {.device_info = R"({"method":"getdeviceinfo"})"}, "-20103", false},
-    {"method_no_text", "respond", {.device_info = R"({"method":[1],"id":1})"}, "-20103", false},
-    {"no_device_answer", "respond", {.device_info = R"({"method":"mute"})"}, "-20103", false},
-    {"illegal", "respond",
-     verdict(R"({"method":"notifyEvent","params":{"event":"illegalDevice"}})"),
-     "the event is \"illegalDevice\", not \"legalDevice\"", true},
-    {"no_params", "respond", verdict(R"({"method":"notifyEvent"})"), "code=-20104", false},
-    {"event_no_text", "respond", verdict(R"({"method":"notifyEvent","params":{"event":5}})"),
-     "code=-20104", false},
+const settings_t full = {};
+const settings_t respond = {.kit = "respond"};
+const settings_t hasty = {.timeout_ms = 500};
+const settings_t hasty_respond = {.timeout_ms = 500, .kit = "respond"};
+const char type_and_stop[] = R"({"error_code":0,"result":{"stopConnect":1,"illegalType":3}})";
+
+const case_t verdicts[] = {
+    {"refused", full, hello(sim_hello_t::refuse, 2), gives_up("illegal type=2")},
+    {"type_before_stop", full, answer(type_and_stop), gives_up("illegal type=3")},
+    {"error_code", full, hello(sim_hello_t::error, 5), tries_again("the cloud, code=5")},
+    {"other_id", full, hello(sim_hello_t::wrong_id), tries_again("the cloud, code=-20100")},
+    {"no_answer", hasty, hello(sim_hello_t::silent), tries_again("the cloud, code=-3000")},
+    {"no_error_code", full, answer(R"({"result":{}})"), tries_again("code=-10100")},
+    {"no_result", full, answer(R"({"error_code":0})"), tries_again("code=-10100")},
+    {"text", full, answer(R"({"error_code":0,"result":"x"})"), tries_again("code=-10100")},
+    {"beat_error", respond, {.heartbeat_code = 7}, tries_again("the cloud, code=7")},
+    {"beat_id", respond, {.heartbeat = sim_heartbeat_t::wrong_id}, tries_again("code=-20100")},
+    {"no_question", hasty_respond, {.device_info = "", .verdict = ""}, tries_again("code=-3000")},
+    {"no_text", respond, asked(R"({"method":[1],"id":1})"), tries_again("code=-20103")},
+    {"illegal", respond, told(R"(,"params":{"event":"illegalDevice"})"),
+     gives_up("\"illegalDevice\"")},
+    {"event_no_text", respond, told(R"(,"params":{"event":5})"), tries_again("code=-20104")},
 };
 
-INSTANTIATE_TEST_SUITE_P(, verdict_test, testing::ValuesIn(verdicts),
-                         [](const auto& item) { return item.param.name; });
+INSTANTIATE_TEST_SUITE_P(, verdict_test, testing::ValuesIn(verdicts), case_name);
 
 TEST_F(handshake_test, a_kit_says_hello_and_hears_the_answer) {
-    start({}, answer(R"({"error_code":0,"result":{"illegalType":0,"stopConnect":1}})"));
-    ASSERT_TRUE(connected());
+    connect({}, answer(R"({"error_code":0,"result":{"illegalType":0,"stopConnect":1}})"));
     const auto hello = sim_wait_received(cloud.get(), "helloCloud", wait_ms());
     EXPECT_EQ(hello->text, R"({"method":"helloCloud","params":{"kit":1},"id":1})");
     EXPECT_TRUE(daemon.await_log(
@@ -82,8 +82,7 @@ TEST_F(handshake_test, a_kit_says_hello_and_hears_the_answer) {
 }
 
 TEST_F(handshake_test, a_kit_without_the_hello_makes_the_default_one) {
-    start({.kit = "respond"}, {.hello = sim_hello_t::silent});
-    ASSERT_TRUE(connected());
+    connect({.kit = "respond"}, {.hello = sim_hello_t::silent});
     EXPECT_EQ(sim_wait_received(cloud.get(), "", wait_ms())->text,
               R"({"error_code":0,"result":{"method":"getDeviceInfo","params":{}},"id":1})");
     EXPECT_TRUE(works());

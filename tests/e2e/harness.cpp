@@ -228,7 +228,7 @@ std::vector<std::string> daemon_t::log() {
 
 client_t::client_t() : fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
     const sockaddr_un address = {AF_UNIX, "/tmp/cloud_svr"};
-    if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         close(std::exchange(fd, -1));
     }
 }
@@ -266,6 +266,10 @@ std::string client_t::await(const std::function<bool(const std::string&)>& match
         }
     }
     return {};
+}
+
+std::string client_t::receive(int timeout_ms) {
+    return await([](const std::string&) { return true; }, timeout_ms);
 }
 
 std::string client_t::await_method(const std::string& name, int timeout_ms) {
@@ -364,6 +368,11 @@ void e2e_test::start(const settings_t& settings, const sim_behaviour_t& behaviou
     ASSERT_TRUE(daemon.await_log("server start..."));
 }
 
+void e2e_test::connect(const settings_t& settings, const sim_behaviour_t& behaviour) {
+    start(settings, behaviour);
+    ASSERT_TRUE(connected());
+}
+
 bool e2e_test::connected(std::size_t times) {
     return daemon.await_log("begin to receive from the cloud...", times);
 }
@@ -399,6 +408,14 @@ void e2e_test::TearDown() {
          ++line) {
         fprintf(stderr, "%s\n", line->substr(0, 300).c_str());
     }
+}
+
+void PrintTo(const case_t& item, std::ostream* out) {
+    *out << item.name;
+}
+
+std::string case_name(const testing::TestParamInfo<case_t>& info) {
+    return info.param.name;
 }
 
 int main(int argc, char** argv) {

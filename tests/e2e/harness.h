@@ -81,6 +81,7 @@ struct client_t {
     // The first message that matches, kept or new; empty when there is none in time.
     std::string await(const std::function<bool(const std::string&)>& matches,
                       int timeout_ms = wait_ms());
+    std::string receive(int timeout_ms = wait_ms());
     std::string await_method(const std::string& name, int timeout_ms = wait_ms());
     // The type in the greeting; -1 without one.
     std::int64_t greeting();
@@ -116,6 +117,8 @@ struct e2e_test : testing::Test {
     // A cloud that behaves so, and a configuration for it; then a daemon with that, too.
     void configure(const settings_t& settings = {}, const sim_behaviour_t& behaviour = {});
     void start(const settings_t& settings = {}, const sim_behaviour_t& behaviour = {});
+    // The same, and waits until it is connected.
+    void connect(const settings_t& settings = {}, const sim_behaviour_t& behaviour = {});
     // Whether the daemon has been connected so many times.
     bool connected(std::size_t times = 1);
     // Whether requests are answered, now or after a while.
@@ -128,3 +131,14 @@ struct e2e_test : testing::Test {
     daemon_t daemon;
     std::deque<client_t> clients;
 };
+
+// One row of a table of tests: what is started, and what is done then.
+struct case_t {
+    const char* name;
+    settings_t settings;
+    sim_behaviour_t behaviour;
+    std::function<void(e2e_test*)> run;
+};
+void PrintTo(const case_t& item, std::ostream* out);
+std::string case_name(const testing::TestParamInfo<case_t>& info);
+struct case_test : e2e_test, testing::WithParamInterface<case_t> {};

@@ -7,76 +7,73 @@
 
 namespace {
 
-struct hostile_cloud_t {
-    const char* name;
-    // Returns what ends the mischief.
-    std::function<void(e2e_test*)> act;
-    bool comes_back = true;  // it works again by itself
-    bool stays = false;      // on the same connection
-    std::function<void(e2e_test*)> relent;
-};
-
-void PrintTo(const hostile_cloud_t& item, std::ostream* out) {
-    *out << item.name;
-}
-
-struct hostile_cloud_test : e2e_test, testing::WithParamInterface<hostile_cloud_t> {};
+using hostile_cloud_test = case_test;
 
 TEST_P(hostile_cloud_test, is_survived) {
-    const hostile_cloud_t& item = GetParam();
-    start({.heartbeat_ms = 200, .timeout_ms = is_slow() ? 2000 : 400});
-    ASSERT_TRUE(connected());
+    connect(GetParam().settings, GetParam().behaviour);
     client_t peer;
-    item.act(this);
+    GetParam().run(this);
     EXPECT_EQ(peer.call("anything"), -20103);
-    if (item.relent) {
-        item.relent(this);
-    }
-    if (item.comes_back) {
-        EXPECT_TRUE(works());
-        EXPECT_EQ(peer.call("anything"), -20103);
-        EXPECT_TRUE(!item.stays || sim_stats(cloud.get()).connections == 1);
-    }
+}
+
+// Without a new connection.
+bool still_works(e2e_test* test) {
+    return test->works() && sim_stats(test->cloud.get()).connections == 1;
+}
+
+void local_works() {
+    EXPECT_EQ(client_t().call("anything"), -20103);
 }
 
 std::function<void(e2e_test*)> step(sim_kind_t kind, const std::string& text = "") {
     return [=](e2e_test* test) {
         EXPECT_TRUE(sim_do(test->cloud.get(), sim_newest, {kind, text}));
+        EXPECT_TRUE(test->works());
     };
 }
 
-// Of orders to stay away the first to be carried out may be the last to be heard.
-std::function<void(e2e_test*)> events(const std::string& event, const std::string& member,
-                                      const std::vector<std::string>& values, std::size_t heard) {
-    return [=](e2e_test* test) {
-        for (const std::string& value : values) {
-            sim_post(test->cloud.get(), sim_newest,
-                     R"({"method":"notifyEvent","params":{"event":")" + event +
-                         R"(","attribute":{")" + member + "\":" + value + "}}}");
-        }
-        EXPECT_TRUE(test->daemon.await_log("- " + event, heard));
-    };
+void post_events(e2e_test* test, const std::string& event, const std::string& member,
+                 const std::vector<std::string>& values) {
+    for (const std::string& value : values) {
+        sim_post(test->cloud.get(), sim_newest,
+                 R"({"method":"notifyEvent","params":{"event":")" + event + R"(","attribute":{")" +
+                     member + "\":" + value + "}}}");
+    }
+    EXPECT_TRUE(test->daemon.await_log("deal_with_cloud_notify_event | - " + event));
+}
+
+void send_away_again(e2e_test* test) {
+    post_events(test, "stopConnect", "reconnectTime", {"1", "1", "1"});
+    EXPECT_TRUE(test->works());
+}
+
+// For minutes at least: all that is left to see is that it stops in time.
+void send_away_for_long(e2e_test* test) {
+    post_events(test, "stopConnect", "reconnectTime", {"1e300", "0", "-5", "\"x\""});
+}
+
+void change_the_heartbeat(e2e_test* test) {
+    post_events(test, "heartBeatInterval", "interval", {"1e300", "2147483647", "0.1", "-1"});
+    EXPECT_TRUE(still_works(test));
 }
 
 void refuse_tcp(e2e_test* test) {
     sim_unlisten(test->cloud.get());
     sim_close(test->cloud.get(), sim_newest, sim_kind_t::reset);
     EXPECT_TRUE(test->daemon.await_log("next time to reconnect is 1000 ms"));
-}
-
-void relisten(e2e_test* test) {
+    local_works();
     EXPECT_TRUE(sim_relisten(test->cloud.get()));
+    EXPECT_TRUE(test->works());
 }
 
 void say_nothing(e2e_test* test) {
     test->behave([](sim_behaviour_t* behaviour) { behaviour->answer_tls = false; });
     sim_close(test->cloud.get(), sim_newest, sim_kind_t::reset);
     EXPECT_TRUE(sim_wait_connections(test->cloud.get(), 2, wait_ms()));
-}
-
-void say_something(e2e_test* test) {
+    local_works();
     test->behave([](sim_behaviour_t* behaviour) { behaviour->answer_tls = true; });
     sim_close(test->cloud.get(), sim_newest, sim_kind_t::reset);
+    EXPECT_TRUE(test->works());
 }
 
 // Another server in the cloud's place, which answers a connection with these bytes and then waits.
@@ -92,24 +89,32 @@ void answer_in_plain(e2e_test* test, const std::string& bytes) {
     sim_close(test->cloud.get(), sim_newest, sim_kind_t::reset);
     const int connection = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
     EXPECT_EQ(send(connection, bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
-    client_t client;
-    EXPECT_EQ(client.call("anything"), -20103);
+    local_works();
     close(connection);
     close(listener);
+    EXPECT_TRUE(sim_relisten(test->cloud.get()));
+    EXPECT_TRUE(test->works());
+}
+
+void answer_half_a_hello(e2e_test* test) {
+    answer_in_plain(test, std::string("\x16\x03\x03\x00\x7A\x02", 6));
+}
+
+void answer_without_tls(e2e_test* test) {
+    answer_in_plain(test, "HTTP/1.1 400 Bad Request\r\n\r\n");
 }
 
 void read_nothing(e2e_test* test) {
-    step(sim_kind_t::stop_reading)(test);
+    sim_do(test->cloud.get(), sim_newest, {sim_kind_t::stop_reading});
     client_t& client = test->clients.emplace_back();
     const std::string request = R"({"method":"x","params":")" + std::string(60000, 'x') + "\"}";
     for (int i = 0; i < 120; ++i) {
         client.post("device_request", request_params(request));
     }
     EXPECT_TRUE(test->daemon.await_log("IPC receive from ", 120));
-}
-
-void reconnect(e2e_test* test) {
-    EXPECT_EQ(test->clients.emplace_back().call("reconnect_cloud"), 0);
+    local_works();
+    EXPECT_EQ(client_t().call("reconnect_cloud"), 0);
+    EXPECT_TRUE(test->works());
 }
 
 void send_wrong_json(e2e_test* test) {
@@ -126,12 +131,12 @@ void send_wrong_json(e2e_test* test) {
           std::string(R"({"id":1,"method":"notifyEvent","params":{"event":{}}})")}) {
         EXPECT_TRUE(sim_send(test->cloud.get(), sim_newest, text));
     }
+    EXPECT_TRUE(still_works(test));
 }
 
 // Each request is answered once, whatever else comes.
 void answer_too_much(e2e_test* test) {
-    test->behave([](sim_behaviour_t* behaviour) { behaviour->requests = sim_kind_t::hold; });
-    client_t& client = test->clients.emplace_back();
+    client_t client;
     const std::int64_t id = client.request(R"({"method":"x","params":1})", wait_ms()).id;
     for (const std::int64_t other : {INT64_C(0), INT64_C(-1), id + 1, INT64_C(1000), INT64_C(1001),
                                      static_cast<std::int64_t>(INT32_MAX), INT64_MAX}) {
@@ -148,6 +153,7 @@ void answer_too_much(e2e_test* test) {
     EXPECT_TRUE(test->daemon.await_log("fail to get the data by the message id", 8));
     EXPECT_EQ(client.response(id, 50), "");
     test->behave([](sim_behaviour_t* behaviour) { behaviour->requests = sim_kind_t::echo; });
+    EXPECT_TRUE(still_works(test));
 }
 
 void ask_too_much(e2e_test* test) {
@@ -157,38 +163,34 @@ void ask_too_much(e2e_test* test) {
     }
     const auto all = [=](const sim_stats_t& stats) { return stats.answers >= count; };
     EXPECT_TRUE(sim_wait_stats(test->cloud.get(), all, wait_ms()));
+    EXPECT_TRUE(still_works(test));
 }
 
-const hostile_cloud_t hostile_clouds[] = {
-    {"refuses_tcp", refuse_tcp, true, false, relisten},
-    {"never_answers_tls", say_nothing, true, false, say_something},
-    {"stalls_in_the_tls_hello",
-     [](e2e_test* test) { answer_in_plain(test, std::string("\x16\x03\x03\x00\x7A\x02", 6)); },
-     true, false, relisten},
-    {"speaks_no_tls",
-     [](e2e_test* test) { answer_in_plain(test, "HTTP/1.1 400 Bad Request\r\n\r\n"); }, true, false,
-     relisten},
-    {"stalls_in_the_magic", step(sim_kind_t::raw, "\xA1")},
-    {"stalls_before_the_length", step(sim_kind_t::raw, "\xA1\xB2")},
-    {"stalls_in_the_length", step(sim_kind_t::raw, std::string("\xA1\xB2\0", 3))},
-    {"stalls_in_the_body", step(sim_kind_t::stall, R"({"method":"quick","id":1})")},
-    {"reads_nothing", read_nothing, true, false, reconnect},
-    {"closes", step(sim_kind_t::close)},
-    {"closes_tcp", step(sim_kind_t::close_tcp)},
-    {"resets", step(sim_kind_t::reset)},
-    {"sends_garbage", step(sim_kind_t::raw, std::string(5000, 'x')), true, true},
-    {"sends_wrong_json", send_wrong_json, true, true},
-    {"answers_too_much", answer_too_much, true, true},
-    {"asks_too_much", ask_too_much, true, true},
-    {"sends_it_away_again_and_again", events("stopConnect", "reconnectTime", {"1", "1", "1"}, 1)},
-    {"sends_it_away_for_long",
-     events("stopConnect", "reconnectTime", {"1e300", "0", "-5", "\"x\""}, 1), false},
-    {"changes_the_heartbeat_to_extremes",
-     events("heartBeatInterval", "interval", {"1e300", "2147483647", "-1", "-1e300", "0.1"}, 5),
-     true, true},
+const settings_t quick = {.heartbeat_ms = 200, .timeout_ms = is_slow() ? 2000 : 400};
+const sim_behaviour_t hold = {.requests = sim_kind_t::hold};
+
+const case_t hostile_clouds[] = {
+    {"refuses_tcp", quick, {}, refuse_tcp},
+    {"never_answers_tls", quick, {}, say_nothing},
+    {"stalls_in_the_tls_hello", quick, {}, answer_half_a_hello},
+    {"speaks_no_tls", quick, {}, answer_without_tls},
+    {"stalls_in_the_magic", quick, {}, step(sim_kind_t::raw, "\xA1")},
+    {"stalls_before_the_length", quick, {}, step(sim_kind_t::raw, "\xA1\xB2")},
+    {"stalls_in_the_length", quick, {}, step(sim_kind_t::raw, {"\xA1\xB2\0", 3})},
+    {"stalls_in_the_body", quick, {}, step(sim_kind_t::stall, R"({"method":"x","id":1})")},
+    {"reads_nothing", quick, {}, read_nothing},
+    {"closes", quick, {}, step(sim_kind_t::close)},
+    {"closes_tcp", quick, {}, step(sim_kind_t::close_tcp)},
+    {"resets", quick, {}, step(sim_kind_t::reset)},
+    {"sends_garbage", quick, {}, step(sim_kind_t::raw, std::string(5000, 'x'))},
+    {"sends_wrong_json", {}, {}, send_wrong_json},
+    {"answers_too_much", {}, hold, answer_too_much},
+    {"asks_too_much", {}, {}, ask_too_much},
+    {"sends_it_away_again_and_again", quick, {}, send_away_again},
+    {"sends_it_away_for_long", quick, {}, send_away_for_long},
+    {"changes_the_heartbeat_to_extremes", {}, {}, change_the_heartbeat},
 };
 
-INSTANTIATE_TEST_SUITE_P(, hostile_cloud_test, testing::ValuesIn(hostile_clouds),
-                         [](const auto& item) { return item.param.name; });
+INSTANTIATE_TEST_SUITE_P(, hostile_cloud_test, testing::ValuesIn(hostile_clouds), case_name);
 
 }  // namespace

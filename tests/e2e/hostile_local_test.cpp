@@ -8,40 +8,30 @@
 
 namespace {
 
-struct hostile_local_test : e2e_test {
-    std::string proc(const std::string& name) const {
-        return "/proc/" + std::to_string(daemon.pid) + "/" + name;
-    }
-    long pages() const {
-        long size = 0;
-        std::ifstream(proc("statm")) >> size;
-        return size;
-    }
-};
+using hostile_local_test = e2e_test;
+using hostile_client_test = case_test;
 
-struct hostile_client_t {
-    const char* name;
-    void (*act)(hostile_local_test* test);
-};
-
-void PrintTo(const hostile_client_t& item, std::ostream* out) {
-    *out << item.name;
+std::string proc(const e2e_test* test, const std::string& name) {
+    return "/proc/" + std::to_string(test->daemon.pid) + "/" + name;
 }
 
-struct hostile_client_test : hostile_local_test, testing::WithParamInterface<hostile_client_t> {};
+long pages(const e2e_test* test) {
+    long size = 0;
+    std::ifstream(proc(test, "statm")) >> size;
+    return size;
+}
 
 TEST_P(hostile_client_test, harms_nobody_else) {
-    start();
-    ASSERT_TRUE(connected());
+    connect();
     client_t peer;
     EXPECT_TRUE(peer.echo("before"));
-    GetParam().act(this);
+    GetParam().run(this);
     EXPECT_TRUE(peer.echo("meanwhile"));
     clients.clear();
     EXPECT_TRUE(works());
 }
 
-void stall(hostile_local_test* test) {
+void stall(e2e_test* test) {
     const std::string frame = local_header(100) + std::string(50, 'x');
     for (const std::size_t length : {1, 2, 4, 6, 10}) {
         EXPECT_TRUE(test->clients.emplace_back().send_raw(frame.substr(0, length)));
@@ -56,18 +46,18 @@ void stall(hostile_local_test* test) {
     }
 }
 
-void announce_gigabytes(hostile_local_test* test) {
-    const long before = test->pages();
+void announce_gigabytes(e2e_test* test) {
+    const long before = pages(test);
     for (int i = 0; i < 10; ++i) {
         test->clients.emplace_back().send_raw(local_header(UINT32_MAX) + "{");
         test->clients.back().send_raw(std::string(5000, 'x'));
     }
     EXPECT_TRUE(client_t().echo("meanwhile"));
-    EXPECT_LT(test->pages() - before, 1024L * 1024 * 1024 / 4096);
+    EXPECT_LT(pages(test) - before, 1024L * 1024 * 1024 / 4096);
 }
 
 // What it takes in the end are whole frames, though some are missing.
-void read_nothing(hostile_local_test* test) {
+void read_nothing(e2e_test* test) {
     client_t& client = test->clients.emplace_back();
     const std::string params(10000, 'x');
     for (int i = 0; i < 3000; ++i) {
@@ -84,7 +74,7 @@ void read_nothing(hostile_local_test* test) {
     EXPECT_EQ(client.call("anything"), -20103);
 }
 
-void come_and_go(hostile_local_test* test) {
+void come_and_go(e2e_test* test) {
     for (int i = 0; i < 500; ++i) {
         const client_t client;
         client.send_raw(local_header(50).substr(0, i % 7) + std::string(i % 7 == 6 ? 10 : 0, 'x'));
@@ -96,7 +86,7 @@ void come_and_go(hostile_local_test* test) {
     EXPECT_TRUE(test->daemon.await_log("client is closed, socket", 400));
 }
 
-void crowd(hostile_local_test* test) {
+void crowd(e2e_test* test) {
     test->clients.resize(2000);
     EXPECT_EQ(test->clients.front().greeting(), 0);
     EXPECT_EQ(test->clients.front().call("anything"), -20103);
@@ -105,7 +95,7 @@ void crowd(hostile_local_test* test) {
     EXPECT_TRUE(test->daemon.await_log("client list is FULL", 2000 - 19));
 }
 
-void garbage(hostile_local_test* test) {
+void garbage(e2e_test* test) {
     for (const std::string& bytes :
          {std::string("\xB2\xA1"), std::string(5000, '\0'), std::string(5000, '\xFF'),
           local_header(0) + local_header(0), local_header(3) + std::string(3, '\0')}) {
@@ -115,18 +105,16 @@ void garbage(hostile_local_test* test) {
     }
 }
 
-const hostile_client_t hostile_clients[] = {
-    {"stalls_in_a_frame", stall},    {"announces_gigabytes", announce_gigabytes},
-    {"reads_nothing", read_nothing}, {"comes_and_goes", come_and_go},
-    {"is_a_crowd", crowd},           {"sends_garbage", garbage},
+const case_t hostile_clients[] = {
+    {"stalls_in_a_frame", {}, {}, stall},    {"announces_gigabytes", {}, {}, announce_gigabytes},
+    {"reads_nothing", {}, {}, read_nothing}, {"comes_and_goes", {}, {}, come_and_go},
+    {"is_a_crowd", {}, {}, crowd},           {"sends_garbage", {}, {}, garbage},
 };
 
-INSTANTIATE_TEST_SUITE_P(, hostile_client_test, testing::ValuesIn(hostile_clients),
-                         [](const auto& item) { return item.param.name; });
+INSTANTIATE_TEST_SUITE_P(, hostile_client_test, testing::ValuesIn(hostile_clients), case_name);
 
 TEST_F(hostile_local_test, the_next_with_its_number_gets_nothing_of_who_left) {
-    start({}, {.requests = sim_kind_t::hold});
-    ASSERT_TRUE(connected());
+    connect({}, {.requests = sim_kind_t::hold});
     client_t& first = clients.emplace_back();
     EXPECT_EQ(first.request(R"({"method":"x"})").code, 0);
     EXPECT_EQ(first.request(R"({"method":"x"})", 300).code, 0);
@@ -140,7 +128,7 @@ TEST_F(hostile_local_test, the_next_with_its_number_gets_nothing_of_who_left) {
     ASSERT_TRUE(daemon.await_log("the request is time out"));
     sim_release(cloud.get());
     EXPECT_TRUE(daemon.await_log("fail to send the message to the client, error=-1101", 2));
-    EXPECT_EQ(second.await([](const std::string&) { return true; }, 100), "");
+    EXPECT_EQ(second.receive(100), "");
     behave([](sim_behaviour_t* behaviour) { behaviour->requests = sim_kind_t::echo; });
     EXPECT_TRUE(second.echo("x"));
 }
@@ -161,7 +149,8 @@ TEST_F(hostile_local_test, the_cloud_on_its_number_gets_nothing_meant_for_who_le
     EXPECT_EQ(second.call("reconnect_cloud"), 0);
     ASSERT_TRUE(connected(2));
     const std::string number = daemon.log_tail("client is closed, socket: ");
-    EXPECT_EQ(std::filesystem::read_symlink(proc("fd/" + number)).string().rfind("socket:", 0), 0U);
+    EXPECT_EQ(
+        std::filesystem::read_symlink(proc(this, "fd/" + number)).string().rfind("socket:", 0), 0U);
     ASSERT_TRUE(daemon.await_log("the request is time out"));
     behave([](sim_behaviour_t* behaviour) { behaviour->requests = sim_kind_t::echo; });
     EXPECT_TRUE(second.echo("x"));
@@ -169,11 +158,10 @@ TEST_F(hostile_local_test, the_cloud_on_its_number_gets_nothing_meant_for_who_le
 }
 
 TEST_F(hostile_local_test, without_descriptors_it_rests_and_serves_who_is_there) {
-    start();
-    ASSERT_TRUE(connected());
+    connect();
     client_t peer;
     EXPECT_EQ(peer.greeting(), 0);
-    const std::filesystem::directory_iterator open(proc("fd"));
+    const std::filesystem::directory_iterator open(proc(this, "fd"));
     rlimit before = {};
     getrlimit(RLIMIT_NOFILE, &before);
     const rlimit none = {static_cast<rlim_t>(std::distance(begin(open), end(open))),

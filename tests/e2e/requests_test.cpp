@@ -11,8 +11,7 @@ std::string request_of(std::size_t number) {
 
 TEST_F(requests_test, each_answer_reaches_the_client_that_asked) {
     constexpr std::size_t count = 200;
-    start({}, {.requests = sim_kind_t::hold});
-    ASSERT_TRUE(connected());
+    connect({}, {.requests = sim_kind_t::hold});
     clients.resize(5);
     std::vector<std::int64_t> inner_ids(count);
     for (std::size_t i = 0; i < count; ++i) {
@@ -77,20 +76,19 @@ TEST_F(requests_test, a_bad_message_gets_its_code_or_nothing) {
         {std::string(100000, '['), 0},
         {std::string(900, '[') + std::string(900, ']'), 0},
     };
-    start({.messages = 1});
-    ASSERT_TRUE(connected());
+    connect({.messages = 1});
     client_t client;
     EXPECT_EQ(client.greeting(), 0);
     for (const auto& item : cases) {
         SCOPED_TRACE(item.message.substr(0, 100));
         ASSERT_TRUE(client.send(item.message));
         if (item.code != 0) {
-            EXPECT_EQ(client.await([](const std::string&) { return true; }),
+            EXPECT_EQ(client.receive(),
                       R"({"inner_id":7,"inner_error_code":)" + std::to_string(item.code) + "}");
         }
     }
     EXPECT_TRUE(client.echo("x"));
-    EXPECT_EQ(client.await([](const std::string&) { return true; }, 100), "");
+    EXPECT_EQ(client.receive(100), "");
     // Numbers that don't fit are held within 32 bits.
     client.send(R"({"inner_id":1e300,"inner_method":"x"})");
     EXPECT_NE(client.await_answer(INT32_MAX), "");
@@ -98,23 +96,8 @@ TEST_F(requests_test, a_bad_message_gets_its_code_or_nothing) {
     EXPECT_EQ(number_at(client.await_answer(7), "inner_error_code"), 0);
 }
 
-TEST_F(requests_test, the_longest_frame_passes) {
-    start({}, {.requests = sim_kind_t::drop});
-    ASSERT_TRUE(connected());
-    const std::string around = R"({"method":"long","params":""})";
-    const std::string with_id = R"(,"id":2)";  // the handshake's was 1
-    const std::string params(65535 - around.size() - with_id.size(), 'x');
-    const std::string request = R"({"method":"long","params":")" + params + "\"}";
-    EXPECT_EQ(client_t().request(request).id, 2);
-    const auto received = sim_wait_received(cloud.get(), "long", wait_ms());
-    EXPECT_EQ(received ? received->text.size() : 0, 65535U);
-    EXPECT_EQ(client_t().request(request + std::string(1, ' ')).id, 3);
-    EXPECT_EQ(client_t().request(R"({"x":1,)" + request.substr(1)).code, -10102);
-}
-
 TEST_F(requests_test, an_unanswered_one_times_out_once_and_its_late_answer_is_dropped) {
-    start({.timeout_ms = 1500}, {.requests = sim_kind_t::hold});
-    ASSERT_TRUE(connected());
+    connect({.timeout_ms = 1500}, {.requests = sim_kind_t::hold});
     client_t client;
     for (const int timeout_ms : {100, 0, -1}) {
         const sent_t sent = client.request(request_of(1), timeout_ms);
@@ -125,12 +108,11 @@ TEST_F(requests_test, an_unanswered_one_times_out_once_and_its_late_answer_is_dr
     behave([](sim_behaviour_t* behaviour) { behaviour->requests = sim_kind_t::echo; });
     EXPECT_TRUE(client.echo("x"));
     EXPECT_EQ(client.greeting(), 0);
-    EXPECT_EQ(client.await([](const std::string&) { return true; }, 100), "");
+    EXPECT_EQ(client.receive(100), "");
 }
 
 TEST_F(requests_test, without_a_free_id_one_waits_as_long_as_its_own_time_out) {
-    start({.messages = 1}, {.requests = sim_kind_t::hold});
-    ASSERT_TRUE(connected());
+    connect({.messages = 1}, {.requests = sim_kind_t::hold});
     clients.resize(3);
     const sent_t first = clients[0].request(request_of(1));
     EXPECT_EQ(clients[1].request(request_of(2), 200).code, -20002);
@@ -142,8 +124,7 @@ TEST_F(requests_test, without_a_free_id_one_waits_as_long_as_its_own_time_out) {
 }
 
 TEST_F(requests_test, overdue_ones_give_their_ids_back_before_the_next_handshake) {
-    start({.messages = 2}, {.requests = sim_kind_t::drop});
-    ASSERT_TRUE(connected());
+    connect({.messages = 2}, {.requests = sim_kind_t::drop});
     clients.resize(2);
     const sent_t sent[] = {clients[0].request(request_of(0), 200),
                            clients[1].request(request_of(1), 200)};

@@ -1,11 +1,10 @@
 /* Preloaded into the daemon: lets calls of one kind fail.
  *
- *     SHIM="CALL ERRNO FIRST COUNT"   the calls numbered FIRST to FIRST + COUNT - 1, from 1, fail
- *     SHIM_PAGE=FILE                  a file of sizeof(page_t) bytes for whoever watches
+ *     SHIM="CALL ERRNO"   the calls; what a failing one sets or, if that is its way, returns
+ *     SHIM_PAGE=FILE      which of them fail: a page_t, shared with whoever watches
  *
- * CALL is a name of the table below; "memory" is what gives memory. ERRNO is what a failing call
- * sets or, for those that return it, returns; 0 cuts a transfer short instead of failing it.
- * Each failing call says on standard error where it came from. */
+ * CALL is a name of the table below; "memory" is what gives memory. An ERRNO of 0 cuts a transfer
+ * short instead of failing it. The first failing call says on standard error where it came from. */
 #include <dlfcn.h>
 #include <errno.h>
 #include <execinfo.h>
@@ -26,11 +25,12 @@
 #include <time.h>
 #include <unistd.h>
 
-/* Shared with the watcher; it may set `lifted`, from when on nothing fails. */
+/* life.h has the same. The calls numbered `first` and up to `last`, counted from 1, fail. */
 typedef struct {
     atomic_uint calls;
     atomic_uint failed;
-    atomic_uint lifted;
+    atomic_uint first;
+    atomic_uint last;
 } page_t;
 
 /* strdup and its like get their memory from malloc, also inside libc. */
@@ -50,8 +50,6 @@ static const char* const names[CALL_COUNT] = {CALLS(NAME)};
 static page_t* page;
 static int selected[CALL_COUNT];
 static int error_number;
-static unsigned first;
-static unsigned count;
 
 static void* real[CALL_COUNT];
 
@@ -76,11 +74,11 @@ static void origin_show(enum call_t call) {
 
 /* Whether this call is one of those that fail; errno is set then. */
 static int is_due(enum call_t call) {
-    if (page == NULL || inside || !selected[call] || page->lifted) {
+    if (page == NULL || inside || !selected[call]) {
         return 0;
     }
     const unsigned number = atomic_fetch_add(&page->calls, 1) + 1;
-    if (number < first || number - first >= count) {
+    if (number < page->first || number > page->last) {
         return 0;
     }
     if (atomic_fetch_add(&page->failed, 1) == 0) {
@@ -105,8 +103,7 @@ __attribute__((constructor)) static void shim_init(void) {
     void* frame;
     (void)backtrace(&frame, 1); /* it loads what it needs at its first call */
     setvbuf(stdout, NULL, _IOLBF, BUFSIZ);
-    if (wanted == NULL || path == NULL ||
-        sscanf(wanted, "%31s %d %u %u", name, &error_number, &first, &count) != 4) {
+    if (wanted == NULL || path == NULL || sscanf(wanted, "%31s %d", name, &error_number) != 2) {
         return;
     }
     for (int call = 0; call < CALL_COUNT; ++call) {

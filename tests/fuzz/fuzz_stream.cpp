@@ -153,13 +153,17 @@ bool task_run() {
 // Whether TLS holds anything: the record begun, the input's next, or the cloud's own answer.
 bool record_load() {
     line_t* const record = &g_world->record;
-    while (record->text.empty() && !(g_world->cloud.empty() && g_world->answers.empty())) {
-        *record = take(g_world->cloud.empty() ? &g_world->answers : &g_world->cloud);
+    while (record->text.empty()) {
+        const bool input = !g_world->cloud.empty() && g_world->cloud.front().kind != 'W';
+        if (!input && g_world->answers.empty()) {
+            return false;
+        }
+        *record = take(input ? &g_world->cloud : &g_world->answers);
         if (record->kind == 'C') {
             record->text = frame(record->text.substr(0, SSL_SOCKET_TEXT_LIMIT), 16);
         }
     }
-    return !record->text.empty();
+    return true;
 }
 
 bool receive() {
@@ -201,6 +205,13 @@ void cloud_hear(const std::string& bytes) {
     }
 }
 
+// What an OpenSSL call that fails gives.
+int tls_fail(char how) {
+    constexpr int kErrors[] = {SSL_ERROR_SSL, SSL_ERROR_WANT_WRITE, SSL_ERROR_ZERO_RETURN};
+    g_world->error = kErrors[static_cast<unsigned char>(how) % 3];
+    return g_world->error == SSL_ERROR_ZERO_RETURN ? 0 : -1;
+}
+
 int kit_text(char** text) {
     *text = strdup(g_world->kit.empty() ? R"({"method":"helloCloud","error_code":0})"
                                         : take(&g_world->kit).text.c_str());
@@ -220,9 +231,9 @@ void lines_add(const std::string& input) {
     const bool raw = input.rfind("\xA1\xB2", 0) == 0;
     for (size_t at = 0; at < input.size();) {
         const size_t end = raw ? input.size() : std::min(input.find('\n', at), input.size());
-        const bool named = !raw && memchr("Ll1-+CcEK", input[at], 9) != nullptr;
+        const bool named = !raw && memchr("Ll1-+CcEWK", input[at], 10) != nullptr;
         const char kind = named ? input[at] : static_cast<char>(raw ? FUZZ_SIDE | 0x20 : FUZZ_SIDE);
-        auto& lines = memchr("CcE", kind, 3) != nullptr ? g_world->cloud : g_world->local;
+        auto& lines = memchr("CcEW", kind, 4) != nullptr ? g_world->cloud : g_world->local;
         (kind == 'K' || kind == 'k' ? g_world->kit : lines)
             .push_back({kind, input.substr(at + (named ? 1 : 0), end - at - (named ? 1 : 0))});
         at = end + 1;
@@ -280,22 +291,27 @@ int __wrap_poll(struct pollfd* item, nfds_t, int timeout_ms) {
 }
 
 int SSL_write(SSL*, const void* bytes, int size) {
+    if (!g_world->cloud.empty() && g_world->cloud.front().kind == 'W') {
+        const line_t line = take(&g_world->cloud);
+        return line.text.empty() ? size : tls_fail(line.text[0]);
+    }
     cloud_hear(std::string(static_cast<const char*>(bytes), static_cast<size_t>(size)));
     return size;
 }
 
 int SSL_read(SSL*, void* buffer, int size) {
-    constexpr int kErrors[] = {SSL_ERROR_SSL, SSL_ERROR_WANT_WRITE, SSL_ERROR_ZERO_RETURN};
     std::string& bytes = g_world->record.text;
     g_world->error = SSL_ERROR_WANT_READ;
-    if (record_load() && g_world->record.kind == 'E') {
-        g_world->error = kErrors[static_cast<unsigned char>(bytes[0]) % 3];
-        bytes.clear();
+    if (!record_load()) {
+        return -1;
+    }
+    if (g_world->record.kind == 'E') {
+        return tls_fail(std::exchange(bytes, std::string())[0]);
     }
     const size_t count = std::min(bytes.size(), static_cast<size_t>(size));
     memcpy(buffer, bytes.data(), count);
     bytes.erase(0, count);
-    return count > 0 ? static_cast<int>(count) : g_world->error == SSL_ERROR_ZERO_RETURN ? 0 : -1;
+    return static_cast<int>(count);
 }
 
 int SSL_get_error(const SSL*, int result) {
@@ -315,7 +331,7 @@ int32_t tls_prepare() {
 int32_t tls_open(tls_t* tls, const char*, int32_t, int32_t, const char*, const std::atomic<bool>*) {
     g_world->answers.clear();
     g_world->record = {};
-    if (++g_world->attempts > 16 || (FUZZ_SIDE == 'C' && g_world->cloud.empty())) {
+    if (++g_world->attempts > 6 || (FUZZ_SIDE == 'C' && g_world->cloud.empty())) {
         g_world->api->stopping = true;  // or the attempts would never end
         return CLOUD_SVR_E_NO_CONNECTION;
     }
@@ -348,7 +364,7 @@ int32_t task_pool_add_here(task_pool_t*, task_pool_work_fn work, task_pool_done_
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static char text[] = "127.0.0.1";
-    constexpr config_t kConfig = {text, nullptr, text, 1, 20000, 2000, 70, 2, 0};
+    constexpr config_t kConfig = {text, nullptr, text, 1, 20000, 2000, 3, 2, 0};
     const std::string input(reinterpret_cast<const char*>(data), size);
     const bool hello = input.rfind('D', 0) != 0;
     world_t world;

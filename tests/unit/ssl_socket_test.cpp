@@ -117,6 +117,8 @@ TEST_F(ssl_socket_test, the_end_of_a_connection) {
     log.clear();
     EXPECT_EQ(send("{}"), CLOUD_SVR_E_NO_CONNECTION);
     EXPECT_TRUE(log.has("- the ssl_socket_t is out of connection\n"));
+    const mutex_lock_t held(socket->lock);
+    tls_close(&socket->tls);  // which nobody else does from here on
 }
 
 TEST_F(ssl_socket_test, a_frame_stalled_half_way_holds_up_nobody_in_either_direction) {

@@ -19,9 +19,6 @@ constexpr size_t kOutputLimit = 1024 * 1024;
 
 // In the child: never returns.
 [[noreturn]] void child_run(const char* command, int end) {
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
     setpgid(0, 0);
     dup2(end, STDIN_FILENO);
     dup2(end, STDOUT_FILENO);
@@ -107,7 +104,7 @@ std::string command_answer(const std::string& command, const std::string& reques
     const int status = child_finish(child, ours.fd, request + "\n", &output);
     if (status != 0) {
         fprintf(stderr, "cloud_ctl: the command %s\n",
-                status > 0 ? "failed" : "took too long or gave too much");
+                status > 0 ? "failed" : "was ended: it took too long or gave too much");
         return "";
     }
     while (!output.empty() && output.back() == '\n') {

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <deque>
 #include <string_view>
+#include <utility>
 
 #include "util/json.h"
 
@@ -123,6 +124,7 @@ bool is_of_id(const line_t& line, const std::string& id) {
 // the descriptor and "inner_id" of the daemon's answer tell which it was.
 struct way_t {
     std::deque<line_t> asked;
+    line_t sent;  // to the cloud, held back until the next line tells what was asked
 };
 
 constexpr size_t kAskedKept = 1000;
@@ -198,22 +200,36 @@ bool passes(const line_t& line, const log_options_t& options) {
            (options.client < 0 || is_of_client(line, options.client));
 }
 
-void view_way(way_t* way, const line_t& line, const log_options_t& options) {
-    if (line.message.starts_with("IPC receive from ")) {
-        way->asked.push_back(line);
-        if (way->asked.size() > kAskedKept) {
-            way->asked.pop_front();
-        }
+void print_passing(const line_t& line, const log_options_t& options) {
+    if (line.parsed && passes(line, options)) {
+        print(line, options);
     }
+}
+
+void way_keep(way_t* way, const line_t& line) {
+    if (!line.message.starts_with("IPC receive from ")) {
+        return;
+    }
+    way->asked.push_back(line);
+    if (way->asked.size() > kAskedKept) {
+        way->asked.pop_front();
+    }
+}
+
+void view_way(way_t* way, const line_t& line, const log_options_t& options) {
+    way_keep(way, line);
     if (!is_of_id(line, std::to_string(options.id))) {
         return;
     }
     const line_t* const question = question_of(*way, line);
-    if (question != nullptr && passes(*question, options)) {
-        print(*question, options);
+    if (question != nullptr) {
+        print_passing(*question, options);
     }
-    if (passes(line, options)) {
-        print(line, options);
+    print_passing(std::exchange(way->sent, line_t{}), options);
+    if (line.message.starts_with("client send:") && holds(line.message, "\"method\":")) {
+        way->sent = line;
+    } else {
+        print_passing(line, options);
     }
 }
 
@@ -230,4 +246,5 @@ void log_view(std::istream& input, const log_options_t& options) {
             print(line, options);
         }
     }
+    print_passing(way.sent, options);
 }

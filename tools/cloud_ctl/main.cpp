@@ -1,5 +1,7 @@
 #include <unistd.h>
 
+#include <cstdio>
+#include <exception>
 #include <iostream>
 
 #include <CLI/CLI.hpp>
@@ -17,9 +19,10 @@ struct options_t {
     log_options_t log;
     std::string config;
     std::string colour = "auto";
+    int exit_code = exit_ok;  // of the command that ran
 };
 
-CLI::App* request_add(CLI::App* app, options_t* options) {
+void request_add(CLI::App* app, options_t* options) {
     CLI::App* const command = app->add_subcommand("request", "Ask the cloud, print its answer");
     command->add_option("JSON", options->request.request, "The request, with its \"method\"")
         ->required();
@@ -28,10 +31,11 @@ CLI::App* request_add(CLI::App* app, options_t* options) {
         "How long the cloud may take, in ms (default: as the daemon is configured)");
     command->add_flag("--connect", options->request.connect,
                       "Connect to the cloud first if needed");
-    return command;
+    command->callback(
+        [options] { options->exit_code = talk_request(options->talk, options->request); });
 }
 
-CLI::App* register_add(CLI::App* app, options_t* options) {
+void register_add(CLI::App* app, options_t* options) {
     CLI::App* const command =
         app->add_subcommand("register", "Stay as the device's agent and answer the cloud");
     command->add_option("--hello-cloud", options->registration.hello_file,
@@ -42,10 +46,18 @@ CLI::App* register_add(CLI::App* app, options_t* options) {
         ->add_option("--exec", options->registration.command,
                      "Shell command that reads a request and prints its answer")
         ->excludes(answer);
-    return command;
+    command->callback(
+        [options] { options->exit_code = talk_register(options->talk, options->registration); });
 }
 
-CLI::App* log_add(CLI::App* app, options_t* options) {
+void log_run(options_t* options) {
+    options->log.json = options->talk.json;
+    options->log.colour =
+        options->colour == "always" || (options->colour == "auto" && isatty(STDOUT_FILENO) != 0);
+    log_view(std::cin, options->log);
+}
+
+void log_add(CLI::App* app, options_t* options) {
     CLI::App* const command =
         app->add_subcommand("log", "Filter and colour a daemon's log read on standard input");
     command->add_option("--level", options->log.levels, "ERROR, WARN, INFO, DEBUG; may be repeated")
@@ -57,56 +69,58 @@ CLI::App* log_add(CLI::App* app, options_t* options) {
         ->check(CLI::NonNegativeNumber);
     command->add_option("--color", options->colour, "When to colour")
         ->check(CLI::IsMember({"auto", "always", "never"}));
-    return command;
+    command->callback([options] { log_run(options); });
 }
 
-int log_run(options_t* options) {
-    options->log.json = options->talk.json;
-    options->log.colour =
-        options->colour == "always" || (options->colour == "auto" && isatty(STDOUT_FILENO) != 0);
-    log_view(std::cin, options->log);
-    return exit_ok;
+void options_add(CLI::App* app, options_t* options) {
+    app->require_subcommand(1);
+    app->fallthrough();
+    app->add_option("--socket", options->talk.socket,
+                    "The daemon's socket (default: /tmp/cloud_svr)");
+    app->add_flag("--json", options->talk.json, "Machine-readable output");
 }
 
-// What --help asks for is an "error" too.
-int parse_failed(const CLI::App& app, const CLI::ParseError& error) {
-    if (error.get_exit_code() == 0) {
-        return app.exit(error);
+void reconnect_add(CLI::App* app, options_t* options) {
+    app->add_subcommand("reconnect", "Drop the connection to the cloud and connect again")
+        ->callback([options] { options->exit_code = talk_reconnect(options->talk); });
+}
+
+void check_add(CLI::App* app, options_t* options) {
+    CLI::App* const command =
+        app->add_subcommand("check", "Say what is wrong with a configuration");
+    command->add_option("FILE", options->config, "The configuration")->required();
+    command->callback(
+        [options] { options->exit_code = check_run(options->config, options->talk.json); });
+}
+
+int run(int argc, char** argv) {
+    options_t options;
+    CLI::App app("Talks to the cloud_svr daemon on this device");
+    options_add(&app, &options);
+    request_add(&app, &options);
+    register_add(&app, &options);
+    reconnect_add(&app, &options);
+    check_add(&app, &options);
+    log_add(&app, &options);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        if (error.get_exit_code() == 0) {
+            return app.exit(error);  // --help
+        }
+        fprintf(stderr, "cloud_ctl: %s (see cloud_ctl --help)\n", error.what());
+        return exit_usage;
     }
-    fprintf(stderr, "cloud_ctl: %s (see cloud_ctl --help)\n", error.what());
-    return exit_usage;
+    return options.exit_code;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    options_t options;
-    CLI::App app("Talks to the cloud_svr daemon on this device");
-    app.require_subcommand(1);
-    app.fallthrough();
-    app.add_option("--socket", options.talk.socket,
-                   "The daemon's socket (default: /tmp/cloud_svr)");
-    app.add_flag("--json", options.talk.json, "Machine-readable output");
-    const CLI::App* const request = request_add(&app, &options);
-    const CLI::App* const registration = register_add(&app, &options);
-    const CLI::App* const reconnect =
-        app.add_subcommand("reconnect", "Drop the connection to the cloud and connect again");
-    CLI::App* const check = app.add_subcommand("check", "Say what is wrong with a configuration");
-    check->add_option("FILE", options.config, "The configuration")->required();
-    (void)log_add(&app, &options);
     try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return parse_failed(app, error);
+        return run(argc, argv);
+    } catch (const std::exception& error) {
+        fprintf(stderr, "cloud_ctl: %s\n", error.what());
+        return exit_failed;
     }
-    if (request->parsed()) {
-        return talk_request(options.talk, options.request);
-    }
-    if (registration->parsed()) {
-        return talk_register(options.talk, options.registration);
-    }
-    if (reconnect->parsed()) {
-        return talk_reconnect(options.talk);
-    }
-    return check->parsed() ? check_run(options.config, options.talk.json) : log_run(&options);
 }

@@ -73,9 +73,22 @@ void exchange_print(const talk_options_t& options, const char* request, const st
     fflush(stdout);
 }
 
+// A signal ends the program: at once while it registers, otherwise after it has given its role
+// back.
+std::atomic<cloud_svr_client_t*> g_registering;
+std::atomic<bool> g_is_over;
+
+void on_signal(int /*number*/) {
+    g_is_over = true;
+    cloud_svr_client_shutdown(g_registering);
+}
+
 int on_request(void* arg, const char* request, char** answer) {
     const auto* const agent = static_cast<const agent_t*>(arg);
     std::string text = agent->registration->answer;
+    if (g_is_over) {
+        return CLOUD_SVR_E_GENERAL;
+    }
     if (!agent->registration->command.empty()) {
         text = command_answer(agent->registration->command, request);
     }
@@ -99,27 +112,6 @@ void on_hello_answer(void* arg, const char* answer) {
     fflush(stdout);
 }
 
-// A signal ends the program: at once while it registers, otherwise after it has given its role
-// back.
-std::atomic<cloud_svr_client_t*> g_registering;
-std::atomic<bool> g_is_over;
-
-void on_signal(int /*number*/) {
-    g_is_over = true;
-    cloud_svr_client_shutdown(g_registering);
-}
-
-// The mask that leaves both signals to ppoll.
-sigset_t signals_mask() {
-    sigset_t set;
-    sigset_t former;
-    sigemptyset(&set);
-    sigaddset(&set, SIGINT);
-    sigaddset(&set, SIGTERM);
-    sigprocmask(SIG_BLOCK, &set, &former);
-    return former;
-}
-
 void signals_catch() {
     struct sigaction action = {};
     action.sa_handler = on_signal;
@@ -127,16 +119,29 @@ void signals_catch() {
     sigaction(SIGTERM, &action, nullptr);
 }
 
-// Answers the cloud until a signal comes (0) or the daemon goes (its code).
-int serve(cloud_svr_client_t* client) {
-    const sigset_t former = signals_mask();
-    while (!g_is_over) {
+// Waits for the daemon to say something, or for a signal, at whatever moment it comes.
+void serve_wait(const cloud_svr_client_t* client) {
+    sigset_t ends;
+    sigset_t former;
+    sigemptyset(&ends);
+    sigaddset(&ends, SIGINT);
+    sigaddset(&ends, SIGTERM);
+    sigprocmask(SIG_BLOCK, &ends, &former);
+    if (!g_is_over) {
         struct pollfd item = {cloud_svr_client_fd(client), POLLIN, 0};
         (void)ppoll(&item, 1, nullptr, &former);
+    }
+    sigprocmask(SIG_SETMASK, &former, nullptr);
+}
+
+// Answers the cloud until a signal comes (0) or the daemon goes (its code).
+int serve(cloud_svr_client_t* client) {
+    while (!g_is_over) {
         const int code = cloud_svr_client_process(client, 0);
         if (code < 0) {
             return code;
         }
+        serve_wait(client);
     }
     return cloud_svr_client_unregister(client, kDaemonMs);
 }

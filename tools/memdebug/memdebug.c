@@ -43,11 +43,12 @@ static void count_fault(void) {
     }
 }
 
-static void damage_report(struct damage damage, const struct block* block, const char* found_by) {
+/* `site` found it while freeing the block; 0: a later look did. */
+static void damage_report(struct damage damage, const struct block* block, uintptr_t site) {
     if (damage.what != NULL) {
         report_line("FAULT %s at offset %ld of %lu bytes at %p from %s, found by %s", damage.what,
                     (long)damage.offset, (unsigned long)block->size, (void*)block->user,
-                    report_site(block->site), found_by);
+                    report_site(block->site), site == 0 ? "a later look" : report_site(site));
         count_fault();
     }
 }
@@ -65,11 +66,11 @@ static void bad_free_report(const void* memory, uintptr_t site) {
 }
 
 static void held_check(const struct block* block) {
-    damage_report(block_check(block), block, "a report");
+    damage_report(block_check(block), block, 0);
 }
 
 static void late_check(const struct block* block) {
-    damage_report(freed_check(block), block, "a look after its time");
+    damage_report(freed_check(block), block, 0);
 }
 
 static void report_all(const char* occasion) {
@@ -148,7 +149,7 @@ static void release_unsafe(const void* memory, uintptr_t site) {
         bad_free_report(memory, site);
         return;
     }
-    damage_report(block_check(&block), &block, report_site(site));
+    damage_report(block_check(&block), &block, site);
     statistics_remove(&block);
     block.freed_by = site;
     freed_add(&block, give_to_library);

@@ -1,0 +1,13 @@
+#!/usr/bin/env bash
+# Random traffic for so many minutes; fails at the first thing that isn't as it should be.
+#   scripts/soak.sh MINUTES [PRESET]     release when none is named; SOAK_SEED repeats a run
+set -euo pipefail
+# shellcheck source=scripts/lib.sh
+. "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+
+(($# == 1 || $# == 2)) || die "usage: scripts/soak.sh MINUTES [PRESET]"
+preset=${2-release}
+export LSAN_OPTIONS=suppressions=$root/tests/sanitizers/lsan.supp:print_suppressions=0
+export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
+build_preset "$preset" cloud_svr_soak
+SOAK_MINUTES=$1 "$(build_folder "$preset")/cloud_svr_soak"
