@@ -318,8 +318,9 @@ std::string client_t::response(std::int64_t id, int timeout_ms) {
     return text_at(await(matches, timeout_ms), "inner_result.response");
 }
 
-bool client_t::echo(const std::string& text, int flag) {
-    const sent_t sent = request(R"({"method":"echo","params":)" + quoted(text) + "}", -1, flag);
+bool client_t::echo(const std::string& text, int timeout_ms, int flag) {
+    const sent_t sent =
+        request(R"({"method":"echo","params":)" + quoted(text) + "}", timeout_ms, flag);
     return sent.code == 0 &&
            response(sent.id) == R"({"error_code":0,"result":)" + quoted(text) + "}";
 }
@@ -380,7 +381,7 @@ bool e2e_test::connected(std::size_t times) {
 bool e2e_test::works() {
     for (const std::int64_t deadline = now_ms() + wait_ms(); now_ms() < deadline;) {
         client_t client;
-        if (client.echo("works")) {
+        if (client.echo("works", wait_ms() / 10)) {
             return true;
         }
         (void)client.await_method("none", 20);

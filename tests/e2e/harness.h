@@ -95,8 +95,8 @@ struct client_t {
     sent_t request(const std::string& text, int timeout_ms = -1, int flag = 0);
     // The cloud's answer to the request of that id.
     std::string response(std::int64_t id, int timeout_ms = wait_ms());
-    // Whether the cloud echoes that text. `flag` as for a request.
-    bool echo(const std::string& text, int flag = 0);
+    // Whether the cloud echoes that text; the rest as for a request.
+    bool echo(const std::string& text, int timeout_ms = -1, int flag = 0);
 
     int fd = -1;
     // Answers what the daemon asks of a registered client; empty: leaves it unanswered.

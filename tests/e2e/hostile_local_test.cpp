@@ -194,7 +194,7 @@ TEST_F(hostile_local_test, a_descriptor_beyond_select_is_refused) {
     EXPECT_TRUE(daemon.await_log("fail to connect the server, result=-1, error=24"));
     clients.resize(1000);
     ASSERT_TRUE(daemon.await_log("client is closed, socket", 10));
-    EXPECT_TRUE(clients[950].echo("x", 1));
+    EXPECT_TRUE(clients[950].echo("x", -1, 1));
 }
 
 }  // namespace

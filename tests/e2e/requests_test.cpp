@@ -149,7 +149,7 @@ TEST_F(requests_test, without_a_connection_the_flag_decides) {
                  R"({"method":"notifyEvent","params":{"event":"illegalDevice"}})");
         ASSERT_TRUE(daemon.await_log("end to receive from the cloud...", times));
         // The time-out is negative: the configured one counts, for the connection, too.
-        EXPECT_EQ(client.echo("x", flag), flag == 1);
+        EXPECT_EQ(client.echo("x", -1, flag), flag == 1);
         EXPECT_TRUE(connected(times + 1));
     }
 }

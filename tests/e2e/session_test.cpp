@@ -56,23 +56,28 @@ TEST_F(session_test, a_delay_ordered_by_the_handshake_is_waited_out_whoever_else
 // Each order comes as soon as the cloud has seen the handshake, which is before the end of the task
 // that made the connection.
 TEST_F(session_test, no_order_is_dropped_and_one_task_of_each_kind_is_left) {
-    start();
+    connect();
     clients.resize(3);
-    for (std::uint64_t round = 1; round <= 30; ++round) {
+    std::int64_t last_ids[3] = {};
+    for (std::size_t round = 1; round <= 30; ++round) {
         const std::uint64_t seen = sim_stats(cloud.get()).handshakes;
-        const std::size_t orders = 1 + round % clients.size();
-        for (std::size_t i = 0; i < orders; ++i) {
-            clients[i].post("reconnect_cloud");
+        for (std::size_t i = 0; i <= round % clients.size(); ++i) {
+            last_ids[i] = clients[i].post("reconnect_cloud");
         }
         if (round % 5 == 0) {
             sim_close(cloud.get(), sim_newest, sim_kind_t::reset);
         }
         ASSERT_TRUE(sim_wait_handshakes(cloud.get(), seen + 1, wait_ms())) << round;
     }
+    for (std::size_t i = 0; i < clients.size(); ++i) {
+        EXPECT_NE(clients[i].await_answer(last_ids[i]), "");
+    }
     EXPECT_TRUE(works());
+    const std::size_t made = daemon.count_log("end to handshake helloCloud...");
     for (const std::string kind : {" to receive from the cloud...", " to check the time out..."}) {
-        EXPECT_TRUE(daemon.await_log("end" + kind, daemon.count_log("begin" + kind) - 1));
-        EXPECT_EQ(daemon.count_log("end" + kind), daemon.count_log("begin" + kind) - 1);
+        EXPECT_TRUE(daemon.await_log("begin" + kind, made));
+        EXPECT_TRUE(daemon.await_log("end" + kind, made - 1));
+        EXPECT_EQ(daemon.count_log("end" + kind), made - 1);
     }
     const auto one = [](const sim_stats_t& stats) { return stats.open == 1; };
     EXPECT_TRUE(sim_wait_stats(cloud.get(), one, wait_ms()));
@@ -112,15 +117,18 @@ TEST_F(session_test, frames_that_came_in_one_record_are_answered_at_once) {
     }
 }
 
-// One client owes the hello, one waits to be connected, one for its answer; and nothing spins.
+// Neither the wait for a client's hello, nor that for its answer, nor an idle connection spins.
 TEST_F(session_test, waiting_takes_no_processor_time) {
-    for (const char* hello_cloud : {"1", "0"}) {
-        start({.kit = ""});
+    const std::pair<const char*, const char*> waits[] = {
+        {R"({"hello_cloud":1})", "request_of_hello_cloud"},
+        {R"({"hello_cloud":0})", "cloud_request"},
+        {"{}", "server_notify"}};
+    for (const auto& [registration, method] : waits) {
+        start({.kit = registration[1] == '}' ? "full" : ""});
+        ASSERT_TRUE(registration[1] != '}' || connected());
         client_t client;
-        client.post("register_callback", std::string(R"({"hello_cloud":)") + hello_cloud + "}");
-        ASSERT_NE(
-            client.await_method(*hello_cloud == '1' ? "request_of_hello_cloud" : "cloud_request"),
-            "");
+        client.post("register_callback", registration);
+        ASSERT_NE(client.await_method(method), "");
         clockid_t clock = 0;
         ASSERT_EQ(clock_getcpuclockid(daemon.pid, &clock), 0);
         timespec before = {};
