@@ -2,8 +2,8 @@
 # Measures what the daemon takes: its file, its heap from start to after 10,000 requests and 200
 # reconnects, its threads' stacks. Needs root, for a /tmp of its own.
 #   scripts/footprint.sh [release|armhf|uclibc-hf|uclibc-soft]     release when left out
-# A device's daemon runs under qemu-arm: its blocks and stacks are those of the device, while the
-# pages are qemu's as well.
+# A device's daemon runs under qemu-arm: its blocks and stacks are those of the device; the pages,
+# which would be qemu's as well, are left out.
 set -euo pipefail
 # shellcheck source=scripts/lib.sh
 . "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
@@ -23,7 +23,7 @@ if [[ -z ${FOOTPRINT_INSIDE-} ]]; then
 fi
 
 case $target in
-    release) compiler=gcc binutils='' runner=(env '{preload}') ;;
+    release) compiler=gcc binutils='' runner=(--pages env '{preload}') ;;
     armhf) compiler=arm-linux-gnueabihf-gcc binutils=arm-linux-gnueabihf- ;;
     uclibc-hf | uclibc-soft)
         compiler=$root/.target/$target/bin/arm-uclibc-gcc

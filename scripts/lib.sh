@@ -46,3 +46,13 @@ install_missing() {
     apt-get update -qq || say "not every package list could be fetched"
     apt-get install -qq --no-install-recommends "${missing[@]}"
 }
+
+# How sanitizers report; it means nothing to a build without them.
+sanitizer_options() {
+    # The whole stack of an allocation, also through a library without frame pointers: what is left
+    # behind by design is told by it.
+    export ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1:detect_stack_use_after_return=1:fast_unwind_on_malloc=0
+    export LSAN_OPTIONS=suppressions=$root/tests/sanitizers/lsan.supp:print_suppressions=0
+    export TSAN_OPTIONS=suppressions=$root/tests/sanitizers/tsan.supp:halt_on_error=1:second_deadlock_stack=1
+    export UBSAN_OPTIONS=print_stacktrace=1
+}

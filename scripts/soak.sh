@@ -7,7 +7,6 @@ set -euo pipefail
 
 (($# == 1 || $# == 2)) || die "usage: scripts/soak.sh MINUTES [PRESET]"
 preset=${2-release}
-export LSAN_OPTIONS=suppressions=$root/tests/sanitizers/lsan.supp:print_suppressions=0
-export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
+sanitizer_options
 build_preset "$preset" cloud_svr_soak
 SOAK_MINUTES=$1 "$(build_folder "$preset")/cloud_svr_soak"

@@ -13,14 +13,7 @@ if [[ " $* " == *" tsan "* ]] && ! ((0x$(<"/proc/$$/personality") & no_randomisa
     exec setarch -R "$0" "$@"
 fi
 
-# These mean nothing to a build without sanitizers.
-# The whole stack of an allocation, also through a library without frame pointers: what is left
-# behind by design is told by it.
-export ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1:detect_stack_use_after_return=1:fast_unwind_on_malloc=0
-export LSAN_OPTIONS=suppressions=$root/tests/sanitizers/lsan.supp:print_suppressions=0
-export TSAN_OPTIONS=suppressions=$root/tests/sanitizers/tsan.supp:halt_on_error=1:second_deadlock_stack=1
-export UBSAN_OPTIONS=print_stacktrace=1
-
+sanitizer_options
 "$root/scripts/setup.sh"
 (($#)) || set -- release
 for preset; do

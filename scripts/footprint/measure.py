@@ -1,10 +1,11 @@
 """Drives one daemon through its life and prints what it holds at each stage.
 
-    measure.py FOLDER COMMAND...
+    measure.py FOLDER [--pages] COMMAND...
 
 FOLDER has cloud_sim, the libraries that are preloaded, the daemon's symbols as nm -S -C lists them,
-and takes the logs. {preload} in COMMAND
-becomes the assignments NAME=VALUE that the daemon is to have in its environment.
+and takes the logs. --pages: also with the daemon by itself, what the kernel says; an emulator's
+memory would hide it. {preload} in COMMAND becomes the assignments NAME=VALUE that the daemon is to
+have in its environment.
 """
 
 import json
@@ -138,7 +139,7 @@ class Daemon:
             return len(re.findall(r"SIGUSR2(?s:.*?) faults", log.read()))
 
     def memory(self):
-        """Proportional and private KiB, and threads; of the emulator, too, when there is one."""
+        """Proportional and private KiB, and threads."""
         with open(f"/proc/{self.process.pid}/smaps_rollup") as smaps:
             sizes = dict(re.findall(r"^(\w+): +(\d+) kB", smaps.read(), re.M))
         return (int(sizes["Pss"]), int(sizes["Private_Dirty"]),
@@ -222,30 +223,30 @@ def stacks(daemon, folder):
     print("  and at the end, every thread     ", deepest(), flush=True)
 
 
+def run(folder, command, preload, scene):
+    daemon = Daemon(folder, command, preload)
+    try:
+        scene(daemon)
+    finally:
+        daemon.stop()
+
+
 def main():
     folder, command = sys.argv[1], sys.argv[2:]
+    pages = command[0] == "--pages"
+    command = command[1:] if pages else command
     cloud = Cloud(folder)
     configure(folder, cloud.port)
     try:
-        for library in ("memdebug", None, "stack_probe"):
-            preload = []
-            if library == "memdebug":
-                preload = [f"LD_PRELOAD={folder}/libcloud_svr_memdebug.so",
-                           f"CLOUD_SVR_MEMDEBUG_LOG={folder}/memdebug.log"]
-                print(f"{'bytes held':30} {'all':>9} {'own':>9} {'OpenSSL':>9} {'C library':>9}")
-            elif library:
-                preload = [f"LD_PRELOAD={folder}/stack_probe.so",
-                           f"STACK_PROBE_LOG={folder}/stack.log"]
-            else:
-                print(f"{'pages and threads':30} {'PSS':>13} {'private':>13} {'':4}")
-            daemon = Daemon(folder, command, preload)
-            try:
-                if library == "stack_probe":
-                    stacks(daemon, folder)
-                else:
-                    live(cloud, daemon, bool(library))
-            finally:
-                daemon.stop()
+        memdebug = [f"LD_PRELOAD={folder}/libcloud_svr_memdebug.so",
+                    f"CLOUD_SVR_MEMDEBUG_LOG={folder}/memdebug.log"]
+        print(f"{'bytes held':30} {'all':>9} {'own':>9} {'OpenSSL':>9} {'C library':>9}")
+        run(folder, command, memdebug, lambda daemon: live(cloud, daemon, True))
+        if pages:
+            print(f"{'pages, threads':30} {'PSS':>13} {'private':>13}")
+            run(folder, command, [], lambda daemon: live(cloud, daemon, False))
+        probe = [f"LD_PRELOAD={folder}/stack_probe.so", f"STACK_PROBE_LOG={folder}/stack.log"]
+        run(folder, command, probe, lambda daemon: stacks(daemon, folder))
     finally:
         cloud.process.terminate()
         cloud.process.wait(LIMIT_S)

@@ -147,6 +147,7 @@ void daemon_t::launch(const std::vector<std::string>& arguments) {
     int terminal = -1;
     pid = forkpty(&terminal, nullptr, nullptr, nullptr);
     if (pid == 0) {
+        signal(SIGHUP, SIG_DFL);
         close(STDIN_FILENO);
         execvp(argv[0], argv.data());
         _exit(127);

@@ -105,7 +105,7 @@ void answer_without_tls(e2e_test* test) {
 }
 
 void read_nothing(e2e_test* test) {
-    sim_do(test->cloud.get(), sim_newest, {sim_kind_t::stop_reading});
+    sim_do(test->cloud.get(), sim_newest, {sim_kind_t::stop_reading, ""});
     client_t& client = test->clients.emplace_back();
     const std::string request = R"({"method":"x","params":")" + std::string(60000, 'x') + "\"}";
     for (int i = 0; i < 120; ++i) {

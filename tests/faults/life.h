@@ -145,7 +145,11 @@ struct life_t {
 
 struct faults_test : e2e_test {
     void prepare() {
-        setenv("CLOUD_SVR_RUNNER", "env LD_PRELOAD=" SHIM " SHIM_PAGE=/tmp/shim_page", 1);
+        const char* const options = getenv("ASAN_OPTIONS");
+        const std::string runner =
+            "env LD_PRELOAD=" SHIM " SHIM_PAGE=/tmp/shim_page ASAN_OPTIONS=" +
+            std::string(options != nullptr ? options : "") + ":verify_asan_link_order=0";
+        setenv("CLOUD_SVR_RUNNER", runner.c_str(), 1);
         const int fd = open("/tmp/shim_page", O_RDWR | O_CREAT | O_CLOEXEC, 0600);
         ASSERT_EQ(ftruncate(fd, sizeof(page_t)), 0);
         page = static_cast<page_t*>(

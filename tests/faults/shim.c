@@ -116,6 +116,7 @@ __attribute__((constructor)) static void shim_init(void) {
     page = shared == MAP_FAILED ? NULL : shared;
 }
 
+/* NOLINTBEGIN(bugprone-macro-parentheses): parameters in their parentheses, and a type. */
 /* A call that fails when it is due, with `failure` as its result. */
 #define CALL(result_t, call, parameters, arguments, failure)     \
     result_t call parameters {                                   \
@@ -132,6 +133,7 @@ __attribute__((constructor)) static void shim_init(void) {
         const ssize_t part = cut(CALL_##call, size); \
         return part < 0 ? -1 : next arguments;       \
     }
+/* NOLINTEND(bugprone-macro-parentheses) */
 
 CALL(void*, malloc, (size_t size), (size), NULL)
 CALL(void*, calloc, (size_t number, size_t size), (number, size), NULL)

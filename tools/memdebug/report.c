@@ -24,7 +24,7 @@ static char path[256]; /* of the log; empty: standard error */
 void report_init(void) {
     const char* const value = getenv("CLOUD_SVR_MEMDEBUG_LOG");
     if (value != NULL && strlen(value) < sizeof(path)) {
-        strcpy(path, value);
+        memcpy(path, value, strlen(value) + 1);
     }
 }
 
