@@ -39,20 +39,22 @@ static void* run_painted(void* argument) {
     const struct task task = *(struct task*)argument;
     pthread_attr_t attributes;
     void* bottom = NULL;
-    size_t size = 0;
+    size_t size = 0, guard = 0;
     free(argument);
     pthread_getattr_np(pthread_self(), &attributes);
     pthread_attr_getstack(&attributes, &bottom, &size);
+    pthread_attr_getguardsize(&attributes, &guard);
     pthread_attr_destroy(&attributes);
     char here = 0;
-    unsigned char* const low = bottom;
+    /* Some C libraries count the guard page in. */
+    unsigned char* const low = (unsigned char*)bottom + guard;
     memset(low, PAINT, (size_t)((unsigned char*)&here - low) - IN_USE);
     void* const result = task.run(task.argument);
     size_t untouched = 0;
-    while (untouched < size && low[untouched] == PAINT) {
+    while (low[untouched] == PAINT) {
         untouched++;
     }
-    record(size - untouched, size);
+    record(size - guard - untouched, size);
     return result;
 }
 

@@ -74,7 +74,10 @@ char* log_timestamp_get() {
         return nullptr;
     }
     char* const copy = static_cast<char*>(calloc(1, kTimestampSize));
-    return copy == nullptr ? nullptr : static_cast<char*>(memcpy(copy, text, strlen(text)));
+    if (copy != nullptr) {
+        snprintf(copy, kTimestampSize, "%s", text);
+    }
+    return copy;
 }
 
 void log_print(const char* level, const char* file, int line, const char* function,
