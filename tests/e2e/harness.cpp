@@ -187,7 +187,15 @@ void daemon_t::stop() {
     const int promised_ms = is_slow() ? 8000 : 2000;
     const int margin_ms = 2000;
     kill(pid, SIGTERM);
-    EXPECT_EQ(await_exit(promised_ms + margin_ms), 0) << "after SIGTERM";
+    int code = await_exit(promised_ms + margin_ms);
+#if defined(__SANITIZE_THREAD__)
+    // ThreadSanitizer keeps back a signal that comes just before a call that blocks.
+    if (code == -1) {
+        kill(pid, SIGTERM);
+        code = await_exit(promised_ms + margin_ms);
+    }
+#endif
+    EXPECT_EQ(code, 0) << "after SIGTERM";
 }
 
 bool daemon_t::await_log(const std::string& text, std::size_t count, int timeout_ms) {
