@@ -5,7 +5,7 @@
 #     --quick            few lives of each kind, spread over its calls: under 4 minutes
 #     --first, --last    only these calls
 #     --lives            about so many lives of a kind; 0, unless quick: every call
-#     KIND               memory_once, poll_on, ...; * stands for anything; all when none is named
+#     KIND               memory_ENOMEM_once, 'poll_*', ...; all when none is named
 set -euo pipefail
 # shellcheck source=scripts/lib.sh
 . "$(dirname "${BASH_SOURCE[0]}")/lib.sh"

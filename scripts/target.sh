@@ -32,17 +32,23 @@ build() {
 
 run_tests() {
     local kits=$folder/tests/e2e/kits
-    build e2e_kits
+    build e2e_kits memdebug_faults
     build_preset release cloud_svr_e2e
     say "end-to-end tests with the daemon of $target"
     CLOUD_SVR_DAEMON=$folder/cloud_svr CLOUD_SVR_KITS=$kits \
         CLOUD_SVR_RUNNER="qemu-arm -L $prepared/sysroot" \
         ctest --test-dir "$(build_folder release)" -R '^e2e\.' -j"$(nproc)" --output-on-failure \
         --no-tests=error
+    test_folder memdebug
     [[ $target == armhf ]] || return 0
     build_preset "$target" unit_tests
-    say "unit tests on $target"
-    ctest --test-dir "$folder/tests/unit" -j"$(nproc)" --output-on-failure --no-tests=error
+    test_folder unit
+}
+
+# Runs the tests of a folder under qemu-arm.
+test_folder() {
+    say "tests/$1 on $target"
+    ctest --test-dir "$folder/tests/$1" -j"$(nproc)" --output-on-failure --no-tests=error
 }
 
 # Names what the daemon may need: anything more would have to be brought to the device.

@@ -117,7 +117,8 @@ TEST_F(session_test, frames_that_came_in_one_record_are_answered_at_once) {
     }
 }
 
-// Neither the wait for a client's hello, nor that for its answer, nor an idle connection spins.
+// Neither the wait for a client's hello, nor that for its answer, nor an idle connection spins. A
+// busy machine leaves little to one that does, and needs no more for one that does not.
 TEST_F(session_test, waiting_takes_no_processor_time) {
     const std::pair<const char*, const char*> waits[] = {
         {R"({"hello_cloud":1})", "request_of_hello_cloud"},
@@ -138,7 +139,7 @@ TEST_F(session_test, waiting_takes_no_processor_time) {
         clock_gettime(clock, &after);
         EXPECT_LT(
             (after.tv_sec - before.tv_sec) * 1000 + (after.tv_nsec - before.tv_nsec) / 1000000,
-            is_slow() ? 500 : 200);
+            is_slow() ? 300 : 50);
         daemon.stop();
     }
 }

@@ -34,7 +34,7 @@ int tun_open(const char* name) {
 
 struct line_t {
     std::atomic<bool> ended{false}, cut{false};
-    std::atomic<unsigned> loss_percent{0}, delay_ms{0}, lost{0}, carried{0};
+    std::atomic<unsigned> loss_percent{0}, delay_ms{0};
     int ends[2] = {-1, -1};
 
     // A packet takes up to twice the wanted time, so many overtake others.
@@ -49,7 +49,6 @@ struct line_t {
                 const ssize_t size = read(ends[from], packet, sizeof packet);
                 const bool is_lost = cut || random() % 100 < loss_percent;
                 if (size > 0) {
-                    ++(is_lost ? lost : carried);
                     const std::string bytes(packet, is_lost ? 0 : size);
                     under_way.emplace(now_ms() + random() % (2 * delay_ms + 1),
                                       std::pair(ends[1 - from], bytes));
@@ -126,7 +125,6 @@ TEST_F(network_test, loses_delays_and_reorders) {
             EXPECT_TRUE(request.id == 0 || !client.response(request.id).empty()) << request.id;
         }
     }
-    EXPECT_GT(line.lost, 0U);
     line.delay_ms = line.loss_percent = 0;
     EXPECT_TRUE(works());
 }
