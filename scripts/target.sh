@@ -41,7 +41,7 @@ run_tests() {
         --no-tests=error
     test_folder memdebug
     [[ $target == armhf ]] || return 0
-    build_preset "$target" unit_tests
+    build_preset "$target" tests/unit/all
     test_folder unit
 }
 

@@ -22,7 +22,7 @@ struct page_t {
 
 inline bool answered(client_t* client, const std::string& method,
                      const std::string& params = "{}") {
-    const std::string answer = client->await_answer(client->post(method, params), 1500);
+    const std::string answer = client->await_answer(client->post(method, params), 2500);
     return number_at(answer, "inner_error_code") == 0;
 }
 
@@ -30,17 +30,17 @@ inline bool answered(client_t* client, const std::string& method,
 inline bool asks(client_t* client, const char* text, const char* expected) {
     const int timeout_ms = text == lost ? 0 : -1;
     const std::string params = request_params(text, timeout_ms, 1);
-    const std::string answer = client->await_answer(client->post("device_request", params), 1500);
+    const std::string answer = client->await_answer(client->post("device_request", params), 2500);
     const std::int64_t id = number_at(answer, "inner_result.id");
-    return id > 0 && client->response(id, 1500).find(expected) != std::string::npos;
+    return id > 0 && client->response(id, 2500).find(expected) != std::string::npos;
 }
 
 inline bool cloud_asks(sim_t* cloud, client_t* agent) {
     const std::uint64_t before = sim_stats(cloud).answers;
     sim_post(cloud, sim_newest, R"({"method":"getStatus","params":{}})");
-    (void)agent->send(willing_agent(agent->await_method("cloud_request", 1500)));
+    (void)agent->send(willing_agent(agent->await_method("cloud_request", 2500)));
     return sim_wait_stats(
-        cloud, [=](const auto& now) { return now.answers > before; }, 1500);
+        cloud, [=](const auto& now) { return now.answers > before; }, 2500);
 }
 
 // A request's time-out, and the heartbeat that the same look at the clock sends.
@@ -48,7 +48,7 @@ inline bool times_out(sim_t* cloud, client_t* client) {
     const std::uint64_t before = sim_stats(cloud).heartbeats;
     return asks(client, lost, "-20002") &&
            sim_wait_stats(
-               cloud, [=](const auto& now) { return now.heartbeats > before; }, 1500);
+               cloud, [=](const auto& now) { return now.heartbeats > before; }, 2500);
 }
 
 struct life_t {
@@ -75,20 +75,20 @@ struct life_t {
     // Everything that a daemon does; false where that ends early.
     bool pass(client_t* agent) {
         agent->agent = willing_agent;
-        if (agent->await_method("server_notify", 1500).empty()) {
+        if (agent->await_method("server_notify", 2500).empty()) {
             return false;
         }
         registered = answered(agent, "register_callback", R"({"hello_cloud":0})");
         return registered && asks(agent, echo, R"("error_code":0)") && cloud_asks(cloud, agent) &&
                answered(agent, "register_callback", R"({"hello_cloud":1})") &&
                answered(agent, "reconnect_cloud") &&
-               !agent->await_method("response_of_hello_cloud", 1500).empty() &&
+               !agent->await_method("response_of_hello_cloud", 2500).empty() &&
                times_out(cloud, agent);
     }
 
     // With its agent there, the daemon is connected, or soon will be by itself.
     bool comes_back(client_t* agent) {
-        for (const std::int64_t deadline = now_ms() + 10000; now_ms() < deadline;) {
+        for (const std::int64_t deadline = now_ms() + 30000; now_ms() < deadline;) {
             if (daemon.count_log("begin to receive from") > daemon.count_log("end to receive f")) {
                 return true;
             }
@@ -98,7 +98,7 @@ struct life_t {
     }
 
     bool serves_another() {
-        for (const std::int64_t deadline = now_ms() + 10000; now_ms() < deadline;) {
+        for (const std::int64_t deadline = now_ms() + 30000; now_ms() < deadline;) {
             client_t client;
             client.agent = willing_agent;
             (void)client.post("register_callback", R"({"hello_cloud":0})");
@@ -159,7 +159,7 @@ struct faults_test : e2e_test {
         behaviour.on_request = [](const sim_request_t& request) {
             return sim_step_t{request.method == "lost" ? sim_kind_t::drop : sim_kind_t::echo};
         };
-        configure({.heartbeat_ms = 100, .timeout_ms = 400, .kit = ""}, behaviour);
+        configure({.heartbeat_ms = 100, .timeout_ms = 700, .kit = ""}, behaviour);
     }
 
     page_t* page = nullptr;

@@ -191,7 +191,8 @@ std::uint64_t sim_mark(sim_t* sim) {
 std::vector<sim_entry_t> sim_log(sim_t* sim, std::uint64_t from) {
     const turn_t turn(sim);
     const std::uint64_t first = sim->next_entry - sim->log.size();
-    const std::uint64_t skipped = from > first ? std::min(from - first, sim->log.size()) : 0;
+    const std::uint64_t skipped =
+        from > first ? std::min<std::uint64_t>(from - first, sim->log.size()) : 0;
     return {sim->log.begin() + static_cast<std::ptrdiff_t>(skipped), sim->log.end()};
 }
 
