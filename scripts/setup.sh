@@ -8,7 +8,7 @@ set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
 wanted=(g++ cmake ninja-build pkg-config libssl-dev libcjson-dev libcli11-dev libgtest-dev
-        openssl coreutils python3)
+        openssl coreutils iproute2 python3)
 for option; do
     case $option in
         --ci) wanted+=(clang clang-tidy clang-format libclang-rt-14-dev shellcheck mandoc binutils

@@ -136,11 +136,9 @@ void daemon_t::launch(const std::vector<std::string>& arguments) {
     std::vector<std::string> words{std::istream_iterator<std::string>(runner), {}};
     words.push_back(environment("CLOUD_SVR_DAEMON", E2E_DAEMON));
     words.insert(words.end(), arguments.begin(), arguments.end());
-    std::vector<char*> argv;
-    for (std::string& word : words) {
-        argv.push_back(word.data());
-    }
-    argv.push_back(nullptr);
+    std::vector<char*> argv(words.size() + 1);
+    std::transform(words.begin(), words.end(), argv.begin(),
+                   [](auto& word) { return word.data(); });
     lines.clear();
     ended = false;
     // Through a terminal each line comes as soon as it is printed; its end ends the daemon, too.
@@ -259,7 +257,7 @@ std::string client_t::await(const std::function<bool(const std::string&)>& match
     const std::int64_t deadline = now_ms() + timeout_ms;
     const auto found = std::find_if(kept.begin(), kept.end(), matches);
     if (found != kept.end()) {
-        const std::string text = *found;
+        std::string text = *found;
         kept.erase(found);
         return text;
     }

@@ -112,8 +112,8 @@ struct life_t {
 
     // What went wrong; empty: all is well.
     std::string live() {
-        if (!daemon.await_log("server start...", 1, 5000)) {
-            const int code = daemon.await_exit(5000);
+        if (!daemon.await_log("server start...", 1, 20000)) {
+            const int code = daemon.await_exit(20000);
             const bool documented = code >= 253 && code <= 255 && page->failed > 0;
             return documented ? "" : "ended at start with " + std::to_string(code);
         }
@@ -128,7 +128,7 @@ struct life_t {
             return "serves nobody afterwards";
         }
         kill(daemon.pid, SIGTERM);
-        const int code = daemon.await_exit(5000);
+        const int code = daemon.await_exit(20000);
         return code == 0 ? "" : "ended with " + std::to_string(code);
     }
 

@@ -33,7 +33,7 @@ TEST_F(mended, openssl_without_memory) {
     for (unsigned first = calls / 4; first <= calls / 4 * 3; first += calls / 4) {
         life_t life{cloud.get(), page};
         life.launch("memory", ENOMEM, first, false);
-        EXPECT_EQ(life.daemon.await_exit(5000), 254) << first << life.log_end();
+        EXPECT_EQ(life.daemon.await_exit(20000), 254) << first << life.log_end();
     }
 }
 
@@ -47,7 +47,7 @@ TEST_F(mended, a_descriptor_that_fcntl_fails_on) {
     client_t agent;
     EXPECT_FALSE(answered(&agent, "register_callback", R"({"hello_cloud":0})"));
     kill(life.daemon.pid, SIGTERM);
-    EXPECT_EQ(life.daemon.await_exit(5000), 0) << life.log_end();
+    EXPECT_EQ(life.daemon.await_exit(20000), 0) << life.log_end();
 }
 
 // A connection without its time-out task would never be given up.

@@ -158,6 +158,7 @@ TEST(client_test, the_agent_is_asked_while_it_waits) {
         there.hear();
         there.put(result(3, 0) + request("cloud_request", ""));
         EXPECT_EQ(there.hear(), R"({"inner_id":5,"inner_error_code":-1})");
+        EXPECT_EQ(there.hear(), "");  // stays until the client leaves
     });
     told_t told;
     cloud_svr_agent_t agent = {};
