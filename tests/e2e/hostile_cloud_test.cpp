@@ -35,9 +35,9 @@ std::function<void(e2e_test*)> step(sim_kind_t kind, const std::string& text = "
 void post_events(e2e_test* test, const std::string& event, const std::string& member,
                  const std::vector<std::string>& values) {
     for (const std::string& value : values) {
-        sim_post(test->cloud.get(), sim_newest,
-                 R"({"method":"notifyEvent","params":{"event":")" + event + R"(","attribute":{")" +
-                     member + "\":" + value + "}}}");
+        std::string text = R"({"method":"notifyEvent","params":{"event":")";
+        text.append(event).append(R"(","attribute":{")").append(member).append("\":");
+        sim_post(test->cloud.get(), sim_newest, text.append(value).append("}}}"));
     }
     EXPECT_TRUE(test->daemon.await_log("deal_with_cloud_notify_event | - " + event));
 }

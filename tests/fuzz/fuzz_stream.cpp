@@ -362,6 +362,25 @@ int32_t task_pool_add_here(task_pool_t*, task_pool_work_fn work, task_pool_done_
     return 0;
 }
 
+extern "C" size_t LLVMFuzzerMutate(uint8_t* data, size_t size, size_t max_size);
+
+// libFuzzer changes bytes and hardly ever finds another number's digits by that.
+extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t max_size,
+                                          unsigned seed) {
+    constexpr const char* kNumbers[] = {"0",    "1",  "2",   "3",     "4",          "65",
+                                        "1000", "-1", "0.5", "1e999", "2147483647", "-2147483648"};
+    std::string text(reinterpret_cast<const char*>(data), size);
+    const size_t at = text.find_first_of("0123456789", (seed >> 8) % (size + 1));
+    if (seed % 4 != 0 || at == std::string::npos) {
+        return LLVMFuzzerMutate(data, size, max_size);
+    }
+    text.replace(at, std::min(text.find_first_not_of("0123456789", at), size) - at,
+                 kNumbers[seed / 4 % std::size(kNumbers)]);
+    const size_t length = std::min(text.size(), max_size);
+    memcpy(data, text.data(), length);
+    return length;
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static char text[] = "127.0.0.1";
     constexpr config_t kConfig = {text, nullptr, text, 1, 20000, 2000, 3, 2, 0};
