@@ -370,10 +370,14 @@ void e2e_test::configure(const settings_t& settings, const sim_behaviour_t& beha
         << (settings.kit.empty() ? "" : kits + "/kit_" + settings.kit + ".so") << R"("}})";
 }
 
-void e2e_test::start(const settings_t& settings, const sim_behaviour_t& behaviour) {
-    configure(settings, behaviour);
+void e2e_test::launch() {
     daemon.launch({"-c", "/tmp/config.cfg"});
     ASSERT_TRUE(daemon.await_log("server start..."));
+}
+
+void e2e_test::start(const settings_t& settings, const sim_behaviour_t& behaviour) {
+    configure(settings, behaviour);
+    launch();
 }
 
 void e2e_test::connect(const settings_t& settings, const sim_behaviour_t& behaviour) {

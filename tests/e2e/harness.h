@@ -114,8 +114,9 @@ std::string request_params(const std::string& text, int timeout_ms = -1, int fla
 std::string cloud_answer(std::int64_t id, const std::string& response);
 
 struct e2e_test : testing::Test {
-    // A cloud that behaves so, and a configuration for it; then a daemon with that, too.
+    // A cloud that behaves so, and a configuration for it; a daemon with that; both.
     void configure(const settings_t& settings = {}, const sim_behaviour_t& behaviour = {});
+    void launch();
     void start(const settings_t& settings = {}, const sim_behaviour_t& behaviour = {});
     // The same, and waits until it is connected.
     void connect(const settings_t& settings = {}, const sim_behaviour_t& behaviour = {});

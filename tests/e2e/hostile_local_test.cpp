@@ -136,7 +136,7 @@ TEST_F(hostile_local_test, the_next_with_its_number_gets_nothing_of_who_left) {
 TEST_F(hostile_local_test, the_cloud_on_its_number_gets_nothing_meant_for_who_left) {
     configure({}, {.requests = sim_kind_t::drop});
     sim_unlisten(cloud.get());
-    daemon.launch({"-c", "/tmp/config.cfg"});
+    launch();
     ASSERT_TRUE(daemon.await_log("next time to reconnect is 1000 ms"));
     client_t& first = clients.emplace_back();
     EXPECT_EQ(first.greeting(), 0);
@@ -183,7 +183,7 @@ TEST_F(hostile_local_test, without_descriptors_it_rests_and_serves_who_is_there)
 TEST_F(hostile_local_test, a_descriptor_beyond_select_is_refused) {
     configure({.clients = 2000});
     sim_unlisten(cloud.get());
-    daemon.launch({"-c", "/tmp/config.cfg"});
+    launch();
     ASSERT_TRUE(daemon.await_log("next time to reconnect is 1000 ms"));
     clients.resize(1100);
     EXPECT_EQ(clients[950].greeting(), 0);

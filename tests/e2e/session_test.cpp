@@ -27,7 +27,7 @@ TEST_F(session_test, attempts_back_off_until_the_cloud_is_there) {
     configure();
     sim_unlisten(cloud.get());
     const std::int64_t before = now_ms();
-    daemon.launch({"-c", "/tmp/config.cfg"});
+    launch();
     ASSERT_TRUE(daemon.await_log("next time to reconnect is 1000 ms"));
     EXPECT_EQ(client_t().request(R"({"method":"x"})", -1, 1).code, -1000);
     EXPECT_TRUE(daemon.await_log("next time to reconnect is 2000 ms"));
