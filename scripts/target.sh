@@ -11,11 +11,12 @@ usage="usage: scripts/target.sh armhf|uclibc-hf|uclibc-soft [build|test|size]"
 target=${1-}
 what=${2-build}
 case $target in
-    armhf) prefix=arm-linux-gnueabihf- limit=102400 ;;
-    uclibc-hf) prefix=arm-linux-gnueabihf- limit=102400 ;;
-    uclibc-soft) prefix=arm-linux-gnueabi- limit=122880 ;; # no Thumb code
+    armhf) prefix=arm-linux-gnueabihf- ;;
+    uclibc-hf) prefix=arm-linux-gnueabihf- ;;
+    uclibc-soft) prefix=arm-linux-gnueabi- ;;
     *) die "$usage" ;;
 esac
+limit=102400 # bytes of the stripped daemon
 prepared=$root/.target/$target
 folder=$(build_folder "$target")
 

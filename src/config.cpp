@@ -36,6 +36,12 @@ struct config_deleter_t {
         free(config->certificate);
         free(config->cloud_kit);
         free(config->domain);
+        if (config->link != nullptr) {
+            free(config->link->server_name);
+            free(config->link->certificate);
+            free(config->link->key);
+        }
+        free(config->link);
         free(config);
     }
 };

@@ -3,6 +3,8 @@
 
 #include <stdint.h>
 
+#include "link/link_options.h"
+
 // Built once by config_load, only read afterwards, by any thread; the texts are its own.
 struct config_t {
     char* certificate;  // path of the CA certificate file; NULL when the file gives no text for it
@@ -14,6 +16,7 @@ struct config_t {
     int32_t max_message_number;  // requests to the cloud in flight
     int32_t max_client_number;   // local clients at once
     int32_t mem_limit_kb;        // printed only; 0 when absent
+    link_options_t* link;        // NULL when the file has no object "link"
 };
 
 // The settings from the file behind "-c", or from "config.cfg" when there is no argument. NULL

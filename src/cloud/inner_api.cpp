@@ -36,6 +36,7 @@ bool parts_init(inner_api_t* api, const config_t* config) {
     }
     api->heartbeat_interval_ms = config->heartbeat_interval_ms;
     api->request_timeout_ms = config->request_timeout_ms;
+    api->link = config->link;
     api->response_list = response_list_init(config->request_timeout_ms);
     if (api->response_list == nullptr) {
         LOG_ERROR("fail to initialize the response list");
@@ -46,7 +47,7 @@ bool parts_init(inner_api_t* api, const config_t* config) {
         LOG_ERROR("fail to initialize the task pool");
         return false;
     }
-    api->ssl_socket = ssl_socket_init(config->certificate);
+    api->ssl_socket = ssl_socket_init(config->certificate, config->link);
     if (api->ssl_socket == nullptr) {
         LOG_ERROR("fail to initialize the SSL socket");
         return false;

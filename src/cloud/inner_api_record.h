@@ -55,6 +55,7 @@ struct inner_api_t {
     char* domain = nullptr;
     int32_t port = 0;
     int32_t request_timeout_ms = 0;
+    const link_options_t* link = nullptr;  // the settings' own; NULL without "link"
 
     ip_list_t* ip_list GUARDED_BY(lock) = nullptr;
     uint32_t reconnect_delay_ms GUARDED_BY(lock) = 0;  // to be waited before the next attempt

@@ -67,7 +67,7 @@ int32_t connect_once(ssl_socket_t* socket, const char* host, int32_t port, int32
 
 }  // namespace
 
-ssl_socket_t* ssl_socket_init(const char* cer_file) {
+ssl_socket_t* ssl_socket_init(const char* cer_file, const link_options_t* options) {
     if (cer_file == nullptr) {
         LOG_ERROR("the certificate file is NULL");
         return nullptr;
@@ -83,6 +83,7 @@ ssl_socket_t* ssl_socket_init(const char* cer_file) {
         LOG_ERROR("fail to copy string");
         return nullptr;
     }
+    socket->options = options;
     const mutex_lock_t held(socket->lock);
     socket->cer_file = copy;
     LOG_DEBUG("end to initialize the ssl_socket_t...");

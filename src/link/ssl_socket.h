@@ -10,6 +10,7 @@
 
 #include <atomic>
 
+#include "link/link_options.h"
 #include "link/tls.h"
 #include "util/json.h"
 #include "util/mutex.h"
@@ -18,6 +19,8 @@ constexpr int32_t SSL_SOCKET_STALL_MS = 30000;
 constexpr size_t SSL_SOCKET_TEXT_LIMIT = 65535;
 
 struct ssl_socket_t {
+    const link_options_t* options = nullptr;  // borrowed, fixed after init; NULL without "link"
+
     // Held while one frame is written, or read, its waits included. Before `lock`.
     mutex_t write_turn ACQUIRED_BEFORE(lock);
     mutex_t read_turn ACQUIRED_BEFORE(lock);
@@ -36,8 +39,9 @@ struct ssl_socket_t {
     std::atomic<bool> interrupted{false};  // once set, every wait ends soon, as a failure
 };
 
-// An object without a connection. It copies `cer_file`. NULL when that is NULL or memory is out.
-ssl_socket_t* ssl_socket_init(const char* cer_file);
+// An object without a connection. It copies `cer_file` and borrows `options`, which may be NULL.
+// NULL when `cer_file` is NULL or memory is out.
+ssl_socket_t* ssl_socket_init(const char* cer_file, const link_options_t* options);
 
 // Connects to the dotted IPv4 address `host`; `timeout_ms` bounds the TCP connect. Does nothing
 // when it is connected already.

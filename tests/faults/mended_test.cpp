@@ -54,7 +54,7 @@ TEST_F(mended, a_descriptor_that_fcntl_fails_on) {
 TEST(mended_session, a_timeout_task_without_memory_replaces_the_connection) {
     cJSON_Hooks none = {[](size_t) -> void* { return nullptr; }, free};
     inner_api_t api;
-    api.ssl_socket = ssl_socket_init("none.pem");
+    api.ssl_socket = ssl_socket_init("none.pem", nullptr);
     api.state = INNER_API_AVAILABLE | INNER_API_CONNECTED;
     session_task_t task = {&api, ssl_socket_get_connection(api.ssl_socket)};
     cJSON_InitHooks(&none);

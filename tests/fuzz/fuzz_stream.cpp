@@ -383,7 +383,7 @@ extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t max
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static char text[] = "127.0.0.1";
-    constexpr config_t kConfig = {text, nullptr, text, 1, 20000, 2000, 3, 2, 0};
+    constexpr config_t kConfig = {text, nullptr, text, 1, 20000, 2000, 3, 2, 0, nullptr};
     const std::string input(reinterpret_cast<const char*>(data), size);
     const bool hello = input.rfind('D', 0) != 0;
     world_t world;

@@ -202,6 +202,7 @@ struct soak_test : e2e_test {
         while ((status("Threads:") > threads || descriptors() > most) && now_ms() < deadline) {
             usleep(50000);
         }
+        EXPECT_GE(status("Threads:"), threads_at_start) << "the daemon has gone";
         EXPECT_LE(status("Threads:"), threads);
         EXPECT_LE(descriptors(), most);
         *kb = *kb == 0 ? status("VmRSS:") : *kb;

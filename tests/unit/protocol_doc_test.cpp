@@ -40,7 +40,8 @@ struct protocol_doc_test : captured_t {
 
 TEST_F(protocol_doc_test, what_a_client_sends_is_taken) {
     char host[] = "127.0.0.1", none[] = "";
-    const config_t config = {none, nullptr, host, 1, 1000, 50, 9, 9, 0};  // nobody listens there
+    const config_t config = {none, nullptr, host, 1, 1000,
+                             50,   9,       9,    0, nullptr};  // nobody listens there
     const owned_t<inner_api_t, inner_api_destroy> api(inner_api_init(&config));
     const std::string answers = examples(false).str();
     std::stringstream messages = examples(true);

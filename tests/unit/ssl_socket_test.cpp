@@ -10,7 +10,7 @@ constexpr int kPatienceMs = 20000;  // for what must come
 struct ssl_socket_test : captured_t {
     sim_handle_t sim = sim_start({});
     sim_behaviour_t behaviour;
-    owned_t<ssl_socket_t, ssl_socket_destroy> owned{ssl_socket_init("none.cer")};
+    owned_t<ssl_socket_t, ssl_socket_destroy> owned{ssl_socket_init("none.cer", nullptr)};
     ssl_socket_t* socket = owned.get();
     json_ptr json;
 

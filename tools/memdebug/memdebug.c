@@ -110,32 +110,35 @@ static void on_signal(int number) {
 
 /* ---- Allocation */
 
-static bool enter(const struct block* block) {
-    lock_take();
-    const bool added = blocks_add(block);
-    if (added) {
-        statistics_add(block);
+static void allocate_unsafe(struct block* block, size_t extra, size_t alignment) {
+    block->raw = real_malloc(block->size + extra);
+    if (block->raw == NULL) {
+        return;
     }
-    lock_give();
-    return added;
+    block->user = (unsigned char*)block->raw + GUARD_SIZE;
+    block->user += -(uintptr_t)block->user & (alignment - 1);
+    if (blocks_add(block)) {
+        statistics_add(block);
+    } else {
+        real_free(block->raw);
+        block->user = NULL;
+    }
 }
 
+/* The C library's functions, too, run under the lock: at a fork no thread is inside them, which
+ * matters to a C library that doesn't see to it. */
 static void* allocate(size_t size, size_t alignment, uintptr_t site) {
     const size_t extra = 2 * GUARD_SIZE + (alignment > GUARD_SIZE ? alignment : 0);
     struct block block = {NULL, NULL, size, site, 0};
     if (real_ones_known() && size <= PTRDIFF_MAX - extra) {
-        block.raw = real_malloc(size + extra);
+        lock_take();
+        allocate_unsafe(&block, extra, alignment);
+        lock_give();
     }
-    if (block.raw != NULL) {
-        block.user = (unsigned char*)block.raw + GUARD_SIZE;
-        block.user += -(uintptr_t)block.user & (alignment - 1);
-        if (enter(&block)) {
-            return block.user;
-        }
-        real_free(block.raw);
+    if (block.user == NULL) {
+        errno = ENOMEM;
     }
-    errno = ENOMEM;
-    return NULL;
+    return block.user;
 }
 
 static void give_to_library(const struct block* block) {
