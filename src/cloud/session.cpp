@@ -246,7 +246,10 @@ void task_receive(void* arg) {
     const auto* const task = static_cast<const session_task_t*>(arg);
     LOG_DEBUG("begin to receive from the cloud...");
     while (session_task_goes_on(task)) {
-        (void)recv_from_ssl(task->api, task->connection);
+        const int32_t code = recv_from_ssl(task->api, task->connection);
+        if (code == CLOUD_SVR_E_NOTHING) {
+            ssl_socket_idle(task->api->ssl_socket, task->connection);
+        }
     }
     LOG_DEBUG("end to receive from the cloud...");
 }

@@ -1,5 +1,7 @@
 #include "link/ssl_socket.h"
 
+#include <sys/socket.h>
+
 #include "cloud_svr_codes.h"
 #include "util/log.h"
 #include "util/memory.h"
@@ -155,6 +157,11 @@ int32_t ssl_socket_get_status(ssl_socket_t* socket) {
 
 void ssl_socket_interrupt(ssl_socket_t* socket) {
     socket->interrupted = true;
+    const mutex_lock_t held(socket->lock);
+    if (socket->tls.fd != 0) {
+        // Ends ssl_socket_idle; the peer sees nothing of it.
+        (void)shutdown(socket->tls.fd, SHUT_RD);
+    }
 }
 
 uint32_t ssl_socket_get_connection(const ssl_socket_t* socket) {

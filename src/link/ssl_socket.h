@@ -77,3 +77,7 @@ int32_t ssl_socket_rcv(ssl_socket_t* socket, int32_t timeout_ms, json_ptr* json)
 // The same for a connection of that number only: a later one's frames are never taken (-3000).
 int32_t ssl_socket_rcv_on(ssl_socket_t* socket, uint32_t connection, int32_t timeout_ms,
                           json_ptr* json);
+
+// Sleeps until there may be something to receive on the connection of that number, until it is
+// over, or for a second at most.
+void ssl_socket_idle(ssl_socket_t* socket, uint32_t connection);

@@ -16,6 +16,7 @@ namespace {
 
 constexpr size_t kHeaderSize = 4;
 constexpr uint16_t kMagic = 0xA1B2;
+constexpr int kIdleMs = 1000;
 
 // The readable descriptor held no byte of a frame (a session ticket, say): go on waiting.
 constexpr int32_t kNoFrameYet = 1;
@@ -308,5 +309,15 @@ int32_t ssl_socket_rcv_on(ssl_socket_t* socket, uint32_t connection, int32_t tim
             return code;
         }
         readable = false;
+    }
+}
+
+void ssl_socket_idle(ssl_socket_t* socket, uint32_t connection) {
+    const link_t link = {socket, connection};
+    int fd = 0;
+    if (look(link, &fd) == LOOK_EMPTY) {
+        // Whoever ends the connection shuts the descriptor down first, which wakes this.
+        struct pollfd item = {fd, POLLIN, 0};
+        (void)poll(&item, 1, kIdleMs);
     }
 }

@@ -24,8 +24,8 @@ cloud_svr_t* cloud_svr_init(const char* path, const config_t* config);
 int32_t cloud_svr_start(cloud_svr_t* server, cloud_svr_on_receive_fn on_receive,
                         cloud_svr_on_client_close_fn on_client_close);
 
-// Ends the worker and waits until it has left its loop, about 100 ms at most while the server is
-// idle. Meant for the SIGTERM handler. NULL is ignored.
+// Ends the worker and waits until it has left its loop. Meant for the SIGTERM handler. NULL is
+// ignored.
 void cloud_svr_stop(cloud_svr_t* server);
 
 // Waits until the worker has ended. SIGTERM, which every thread blocks, is let through to the

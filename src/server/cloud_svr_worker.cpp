@@ -17,7 +17,9 @@
 
 namespace {
 
-constexpr long kSelectUs = 100000;
+// What needs the worker wakes it; each pass without that would only use up the battery.
+constexpr int kPassMs = 1000;
+constexpr int kPassWithoutWakerMs = 100;
 constexpr int32_t kAcceptRestMs = 100;
 constexpr int32_t kCatchUpRestMs = 1000;
 constexpr int32_t kGreetingTaken = 0;
@@ -35,6 +37,7 @@ struct pass_t {
     fd_set readable;
     fd_set writable;
     int highest;
+    int wait_ms;
 };
 
 void pass_add(pass_t* pass, int fd, fd_set* set) {
@@ -42,25 +45,42 @@ void pass_add(pass_t* pass, int fd, fd_set* set) {
     pass->highest = fd > pass->highest ? fd : pass->highest;
 }
 
+void pass_wait_at_most(pass_t* pass, int ms) {
+    pass->wait_ms = ms < pass->wait_ms ? ms : pass->wait_ms;
+}
+
+void pass_add_client(pass_t* pass, const svr_client_t* client) {
+    const int fd = local_client_fd(client->client);
+    pass_add(pass, fd, &pass->readable);
+    if (local_client_is_waiting(client->client)) {
+        pass_add(pass, fd, &pass->writable);
+    }
+    const int left = ipc_reader_left(&client->reader);
+    if (left >= 0) {
+        pass_wait_at_most(pass, left);
+    }
+}
+
 pass_t pass_prepare(const cloud_svr_t* server) {
     pass_t pass;
     FD_ZERO(&pass.readable);
     FD_ZERO(&pass.writable);
     pass.highest = -1;
-    if (deadline_left(server->accept_rest) == 0) {
+    pass.wait_ms = kPassMs;
+    const uint32_t accept_rest_ms = deadline_left(server->accept_rest);
+    if (accept_rest_ms == 0) {
         pass_add(&pass, server->socket, &pass.readable);
+    } else {
+        pass_wait_at_most(&pass, static_cast<int>(accept_rest_ms));
     }
     if (server->waker >= 0 && server->waker < FD_SETSIZE) {
         pass_add(&pass, server->waker, &pass.readable);
+    } else {
+        pass_wait_at_most(&pass, kPassWithoutWakerMs);
     }
     for (int32_t i = 0; i < server->max_client_number; ++i) {
-        if (server->clients[i] == nullptr) {
-            continue;
-        }
-        const int32_t client = server->clients[i]->client;
-        pass_add(&pass, local_client_fd(client), &pass.readable);
-        if (local_client_is_waiting(client)) {
-            pass_add(&pass, local_client_fd(client), &pass.writable);
+        if (server->clients[i] != nullptr) {
+            pass_add_client(&pass, server->clients[i]);
         }
     }
     return pass;
@@ -226,7 +246,7 @@ void catch_up(cloud_svr_t* server) {
 // One pass. The clients that were there before an accept are those that select looked at.
 void cloud_svr_work(cloud_svr_t* server) {
     pass_t pass = pass_prepare(server);
-    struct timeval timeout = {0, kSelectUs};
+    struct timeval timeout = {pass.wait_ms / 1000, pass.wait_ms % 1000 * 1000};
     const int result = select(pass.highest + 1, &pass.readable, &pass.writable, nullptr, &timeout);
     if (result < 0) {
         LOG_ERROR("fail to select, error=%d", result);
