@@ -27,6 +27,10 @@ struct slot_t {
     int32_t generation GUARDED_BY(lock) = 0;
     bool open GUARDED_BY(lock) = false;
     ipc_outbox_t outbox GUARDED_BY(lock);
+
+    // The client that `outbox` holds something for, or 0. Written under the lock, read without: the
+    // thread that reads from the clients must not wait for one that sends.
+    std::atomic<int32_t> waiting{0};
 };
 
 std::atomic<slot_t*> g_slots[FD_SETSIZE];
@@ -38,6 +42,10 @@ slot_t* slot_of(int32_t client) {
 
 bool is_current_unsafe(const slot_t* slot, int32_t client) REQUIRES(slot->lock) {
     return slot->open && slot->generation == client >> kNumberBits;
+}
+
+void waiting_set_unsafe(slot_t* slot, int32_t client) REQUIRES(slot->lock) {
+    slot->waiting = ipc_outbox_is_empty(&slot->outbox) ? 0 : client;
 }
 
 // Only the thread that accepts makes slots, so there is no race for one.
@@ -83,6 +91,7 @@ void local_client_close(int32_t client) {
     }
     slot->open = false;
     slot->outbox = ipc_outbox_t{};
+    slot->waiting = 0;
     close(local_client_fd(client));
 }
 
@@ -108,9 +117,10 @@ int32_t local_client_send(int32_t client, const char* text) {
     if (!is_current_unsafe(slot, client)) {
         return CLOUD_SVR_E_LOCAL_SEND;
     }
-    const bool waited = !ipc_outbox_is_empty(&slot->outbox);
+    const bool waited = slot->waiting != 0;
     const int32_t code = ipc_socket_post(local_client_fd(client), &slot->outbox, text);
-    if (!waited && !ipc_outbox_is_empty(&slot->outbox)) {
+    waiting_set_unsafe(slot, client);
+    if (!waited && slot->waiting != 0) {
         wake();
     }
     return code;
@@ -118,11 +128,7 @@ int32_t local_client_send(int32_t client, const char* text) {
 
 bool local_client_is_waiting(int32_t client) {
     slot_t* const slot = slot_of(client);
-    if (slot == nullptr) {
-        return false;
-    }
-    const mutex_lock_t held(slot->lock);
-    return is_current_unsafe(slot, client) && !ipc_outbox_is_empty(&slot->outbox);
+    return slot != nullptr && slot->waiting == client;
 }
 
 void local_client_flush(int32_t client) {
@@ -134,6 +140,7 @@ void local_client_flush(int32_t client) {
     if (is_current_unsafe(slot, client)) {
         // A client that is gone is noticed where it is read from.
         (void)ipc_outbox_flush(&slot->outbox, local_client_fd(client));
+        waiting_set_unsafe(slot, client);
     }
 }
 

@@ -1,5 +1,7 @@
 #include "util/json.h"
 
+#include <stdio.h>
+
 namespace {
 
 // Room for a common message at once: cJSON would begin with 256 bytes, double them as it goes, and
@@ -42,7 +44,10 @@ bool json_add(cJSON* json, const char* name, json_ptr member) {
 }
 
 bool json_add_int(cJSON* json, const char* name, int32_t value) {
-    return json_add(json, name, json_ptr(cJSON_CreateNumber(value)));
+    // As text: cJSON would print it through floating point, the dearest step of a whole message.
+    char text[12];
+    snprintf(text, sizeof(text), "%d", value);
+    return json_add(json, name, json_ptr(cJSON_CreateRaw(text)));
 }
 
 bool json_add_string(cJSON* json, const char* name, const char* value) {

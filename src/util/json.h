@@ -29,7 +29,8 @@ int32_t json_get_int(const cJSON* json, const char* name);
 // `value` x `factor`, held within 0 .. INT32_MAX.
 int32_t json_scale(int32_t value, int32_t factor);
 
-// Adds a member to `json`; false, with nothing added, when memory is out.
+// Adds a member to `json`; false, with nothing added, when memory is out. The number is for
+// printing alone: json_get_int doesn't find it.
 bool json_add_int(cJSON* json, const char* name, int32_t value);
 bool json_add_string(cJSON* json, const char* name, const char* value);
 
