@@ -7,6 +7,7 @@
 #include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
+#include <stdatomic.h>
 #include <stdbool.h>
 #include <stdint.h>
 #include <stdlib.h>
@@ -110,8 +111,29 @@ static void on_signal(int number) {
 
 /* ---- Allocation */
 
+/* The thread that is inside the C library's own malloc or free, or 0. uClibc's call themselves by
+ * name, and so come here: what they ask for is theirs, and the lock is held already. */
+static atomic_ulong in_library;
+
+static bool is_in_library(void) {
+    return atomic_load(&in_library) == (unsigned long)pthread_self();
+}
+
+static void* library_malloc(size_t size) {
+    atomic_store(&in_library, (unsigned long)pthread_self());
+    void* const memory = real_malloc(size);
+    atomic_store(&in_library, 0);
+    return memory;
+}
+
+static void library_free(void* memory) {
+    atomic_store(&in_library, (unsigned long)pthread_self());
+    real_free(memory);
+    atomic_store(&in_library, 0);
+}
+
 static void allocate_unsafe(struct block* block, size_t extra, size_t alignment) {
-    block->raw = real_malloc(block->size + extra);
+    block->raw = library_malloc(block->size + extra);
     if (block->raw == NULL) {
         return;
     }
@@ -120,7 +142,7 @@ static void allocate_unsafe(struct block* block, size_t extra, size_t alignment)
     if (blocks_add(block)) {
         statistics_add(block);
     } else {
-        real_free(block->raw);
+        library_free(block->raw);
         block->user = NULL;
     }
 }
@@ -143,7 +165,7 @@ static void* allocate(size_t size, size_t alignment, uintptr_t site) {
 
 static void give_to_library(const struct block* block) {
     late_check(block);
-    real_free(block->raw);
+    library_free(block->raw);
 }
 
 static void release_unsafe(const void* memory, uintptr_t site) {
@@ -192,6 +214,9 @@ static void* allocate_aligned(size_t alignment, size_t size, uintptr_t site) {
 /* ---- What the program calls. `site` is the caller: taken here, where it is one frame away. */
 
 void* malloc(size_t size) {
+    if (is_in_library()) {
+        return real_malloc(size);
+    }
     return allocate(size, 1, (uintptr_t)__builtin_return_address(0));
 }
 
@@ -206,6 +231,10 @@ void* calloc(size_t count, size_t size) {
 }
 
 void free(void* memory) {
+    if (is_in_library()) {
+        real_free(memory);
+        return;
+    }
     release(memory, (uintptr_t)__builtin_return_address(0));
 }
 
