@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # Installs what building, running and testing need from Debian 12's own packages: only what is
 # missing, so with everything there it needs neither a network nor root.
-#   scripts/setup.sh [--ci] [--bench]     --ci: also the compilers and checkers that .ci/run wants
-#                                     --bench: also what scripts/bench.sh compares with
+#   scripts/setup.sh [OPTION...]
+#     --ci        also the compilers and checkers that .ci/run wants
+#     --bench     also what scripts/bench.sh compares with
+#     --package   also what scripts/package.sh makes and tests packages with
 set -euo pipefail
 # shellcheck source=scripts/lib.sh
 . "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
@@ -14,7 +16,8 @@ for option; do
         --ci) wanted+=(clang clang-tidy clang-format libclang-rt-14-dev shellcheck mandoc binutils
                        strace git) ;;
         --bench) wanted+=(stunnel4 mosquitto util-linux) ;;
-        *) die "usage: scripts/setup.sh [--ci] [--bench]" ;;
+        --package) wanted+=(dpkg-dev file lintian debootstrap util-linux) ;;
+        *) die "usage: scripts/setup.sh [--ci] [--bench] [--package]" ;;
     esac
 done
 
