@@ -1,8 +1,7 @@
 """The table and the plot of a benchmark run: bench_report.py FIGURES.json [--svg FILE]"""
-import argparse
-import json
-from math import log
 from statistics import median
+
+from report import Axis, corner, panel, report, write_svg
 
 WAYS = ("direct", "stunnel", "mosquitto", "daemon")
 TITLES = ("direct TLS", "stunnel", "mosquitto", "cloud_svr")
@@ -86,70 +85,26 @@ def print_table(run):
         print("| " + " | ".join(cells) + " |")
 
 
-# ---- The plot: four panels, a mode in each row, both axes logarithmic
+# ---- The plot: two panels, a mode in each row, both axes logarithmic
 
-PANEL_W, PANEL_H, LEFT, TOP, GAP_X, GAP_Y = 330, 210, 70, 70, 90, 80
-
-
-def log_position(value, low, high, size):
-    return size * log(value / low) / log(high / low)
+ACROSS = Axis(CLIENTS[0], CLIENTS[-1], {n: n for n in CLIENTS}, "clients")
+PANELS = (("Round trip, p50, us", "p50", 10, 100000, (10, 100, 1000, 10000, 100000)),
+          ("Requests/s", "rps", 1000, 200000, (1000, 3000, 10000, 30000, 100000)))
 
 
-def panel(figures, x, y, title, key, low, high, ticks):
-    def at(clients, value):
-        px = x + log_position(clients, CLIENTS[0], CLIENTS[-1], PANEL_W)
-        return px, y + PANEL_H - log_position(min(max(value, low), high), low, high, PANEL_H)
-
-    out = [f'<text x="{x}" y="{y - 12}" class="title">{title}</text>']
-    for tick in ticks:
-        _, py = at(1, tick)
-        out.append(f'<line x1="{x}" y1="{py:.1f}" x2="{x + PANEL_W}" y2="{py:.1f}" class="grid"/>'
-                   f'<text x="{x - 8}" y="{py + 4:.1f}" class="left">{tick:,}</text>')
-    for clients in CLIENTS:
-        px, _ = at(clients, low)
-        out.append(f'<text x="{px:.1f}" y="{y + PANEL_H + 18}" class="under">{clients}</text>')
-    out.append(f'<text x="{x + PANEL_W / 2}" y="{y + PANEL_H + 36}" class="under">clients</text>')
+def lines(figures, key):
     for way, colour in zip(WAYS, COLOURS):
-        points = [at(n, median(values(figures, f"{n} x 128", way, key))) for n in CLIENTS]
-        path = " ".join(f"{px:.1f},{py:.1f}" for px, py in points)
-        out.append(f'<polyline points="{path}" stroke="{colour}" class="line"/>')
-        out += [f'<circle cx="{px:.1f}" cy="{py:.1f}" r="3.5" fill="{colour}"/>'
-                for px, py in points]
-    return out
+        yield colour, [(n, median(values(figures, f"{n} x 128", way, key))) for n in CLIENTS]
 
 
-def write_svg(run, name):
-    width = LEFT + 2 * PANEL_W + GAP_X + 30
-    height = TOP + len(run["figures"]) * (PANEL_H + GAP_Y)
-    out = [f'<svg xmlns="http://www.w3.org/2000/svg" width="{width}" height="{height}" '
-           f'viewBox="0 0 {width} {height}" font-family="sans-serif" font-size="12">',
-           "<style>.title{font-weight:bold}.left{text-anchor:end}.under{text-anchor:middle}"
-           ".grid{stroke:#d1d5db}.line{fill:none;stroke-width:2}</style>",
-           f'<rect width="{width}" height="{height}" fill="white"/>']
-    for i, (title, colour) in enumerate(zip(TITLES, COLOURS)):
-        x = LEFT + 130 * i
-        out.append(f'<circle cx="{x + 5}" cy="21" r="5" fill="{colour}"/>'
-                   f'<text x="{x + 16}" y="25">{title}</text>')
+def plot(run, name):
+    body = []
     for row, (mode, figures) in enumerate(run["figures"].items()):
-        y = TOP + row * (PANEL_H + GAP_Y)
-        out += panel(figures, LEFT, y, f"Round trip, p50, us ({mode})", "p50", 10, 100000,
-                     (10, 100, 1000, 10000, 100000))
-        out += panel(figures, LEFT + PANEL_W + GAP_X, y, f"Requests/s ({mode})", "rps", 1000,
-                     200000, (1000, 3000, 10000, 30000, 100000))
-    with open(name, "w", encoding="ascii") as file:
-        file.write("\n".join([*out, "</svg>"]) + "\n")
+        for column, (title, key, low, high, ticks) in enumerate(PANELS):
+            up = Axis(low, high, {tick: f"{tick:,}" for tick in ticks})
+            body += panel(corner(row, column), f"{title} ({mode})", ACROSS, up,
+                          lines(figures, key), dots=True)
+    write_svg(name, len(run["figures"]), zip(TITLES, COLOURS), body)
 
 
-def main():
-    parser = argparse.ArgumentParser()
-    parser.add_argument("figures")
-    parser.add_argument("--svg")
-    options = parser.parse_args()
-    with open(options.figures, encoding="ascii") as file:
-        run = json.load(file)
-    print_table(run)
-    if options.svg:
-        write_svg(run, options.svg)
-
-
-main()
+report(print_table, plot)

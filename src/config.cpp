@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "cloud_svr_codes.h"
+#include "config_link.h"
 #include "util/json.h"
 #include "util/log.h"
 #include "util/memory.h"
@@ -36,12 +37,7 @@ struct config_deleter_t {
         free(config->certificate);
         free(config->cloud_kit);
         free(config->domain);
-        if (config->link != nullptr) {
-            free(config->link->server_name);
-            free(config->link->certificate);
-            free(config->link->key);
-        }
-        free(config->link);
+        config_link_free(config->link);
         free(config);
     }
 };
@@ -196,8 +192,9 @@ config_ptr load_config_from_buffer(const char* buffer) {
         return nullptr;
     }
     int32_t code = fill_config_with_json(config.get(), json.get());
-    json.reset();
     code = code != 0 ? code : check_config(config.get());
+    code = code != 0 ? code : config_link_fill(config.get(), json.get());
+    json.reset();
     if (code != 0) {
         LOG_ERROR("fail to load the configure, error=%d", code);
         printf("default config:\n%s", kSample);
@@ -242,6 +239,7 @@ void config_print(const config_t* config) {
     LOG_DEBUG("maximum client:   %d", config->max_client_number);
     LOG_DEBUG("memory limit(kb): %d", config->mem_limit_kb);
     LOG_DEBUG("cloud-kit:        %s", config->cloud_kit == nullptr ? "null" : config->cloud_kit);
+    config_link_print(config->link);
 }
 
 }  // namespace

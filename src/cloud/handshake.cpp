@@ -55,7 +55,7 @@ int32_t heartbeat_once(inner_api_t* api) {
     for (int attempt = 0; attempt < kHeartbeatAttempts; ++attempt) {
         bool final = false;
         code = heartbeat_attempt(api, &final);
-        if (final || code != CLOUD_SVR_E_NO_CONNECTION) {
+        if (final || code != CLOUD_SVR_E_NO_CONNECTION || inner_is_lost(api)) {
             break;
         }
     }

@@ -259,7 +259,7 @@ int32_t inner_send_request(inner_api_t* api, int32_t client, const char* request
     }
     const uint32_t connection = ssl_socket_get_connection(api->ssl_socket);
     code = send_request_async(api, client, request, timeout);
-    if (code == CLOUD_SVR_E_NO_CONNECTION) {
+    if (code == CLOUD_SVR_E_NO_CONNECTION && !inner_is_lost(api)) {
         code = send_request_async(api, client, request, timeout);
     }
     if (code != CLOUD_SVR_E_NO_CONNECTION) {

@@ -17,6 +17,10 @@ bool inner_is_connected(const inner_api_t* api) {
     return (api->state & kBoth) == kBoth;
 }
 
+bool inner_is_lost(const inner_api_t* api) {
+    return link_recovers(api->link) && ssl_socket_get_status(api->ssl_socket) == 0;
+}
+
 void inner_heartbeat_result_set(inner_api_t* api, int32_t result) {
     const mutex_lock_t held(api->lock);
     api->heartbeat_result = result;

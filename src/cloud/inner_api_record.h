@@ -39,6 +39,10 @@ struct inner_api_t {
     std::atomic<int32_t> client_fd{0};
     std::atomic<int32_t> client_hello_cloud{0};  // non-zero: shakes hands through the client
 
+    // Only with link->recover, else always 0: what to wait before the next attempt. It grows with
+    // each attempt and starts anew when a connection has held for a while, or when somebody orders.
+    std::atomic<int32_t> back_off_ms{0};
+
     // A reconnection was ordered, but its task could not be started: session_catch_up makes up for
     // it.
     std::atomic<bool> reconnect_owed{false};
@@ -73,6 +77,10 @@ void inner_state_clear_unsafe(inner_api_t* api, uint32_t bits) REQUIRES(api->loc
 
 // Available and connected.
 bool inner_is_connected(const inner_api_t* api);
+
+// Only with link->recover: there is no TLS connection, nor one being made. While `state` says
+// connected, and in a handshake, that means that it was lost and is released.
+bool inner_is_lost(const inner_api_t* api);
 
 void inner_heartbeat_result_set(inner_api_t* api, int32_t result);
 

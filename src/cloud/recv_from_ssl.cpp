@@ -167,6 +167,9 @@ int32_t recv_from_ssl(inner_api_t* api, uint32_t connection) {
     if (code == CLOUD_SVR_E_NOTHING) {
         return code;
     }
+    if (code != 0 && inner_is_lost(api)) {
+        return code;  // the loss has been logged with its reason
+    }
     if (code != 0) {
         LOG_ERROR("fail to ssl_socket_rcv, code=%d", code);
         return code;

@@ -22,7 +22,8 @@ task_arg_t* task_arg_get(inner_api_t* api, int32_t id, cJSON* json);
 void task_arg_free(void* arg);
 
 // Receives at most one message of the connection of that number, waiting up to 50 ms, and hands it
-// on. 0; -3000 when nothing came; otherwise the code of what failed, logged.
+// on. 0; -3000 when nothing came; otherwise the code of what failed, logged, a loss of the
+// connection only once.
 int32_t recv_from_ssl(inner_api_t* api, uint32_t connection);
 
 // Task bodies, given a task_arg_t.

@@ -9,7 +9,7 @@
 namespace {
 
 int32_t drop_unsafe(inner_api_t* api) REQUIRES(api->lock) {
-    const int32_t code = ssl_socket_disconnect(api->ssl_socket);
+    const int32_t code = inner_is_lost(api) ? 0 : ssl_socket_disconnect(api->ssl_socket);
     inner_state_clear_unsafe(api, INNER_API_CONNECTED);
     return code;
 }
@@ -160,6 +160,9 @@ void start_reconnect_unsafe(inner_api_t* api, int32_t force, int32_t delay_ms) R
     if (force != 0) {
         (void)drop_unsafe(api);
     }
+    if (delay_ms > 0) {
+        api->back_off_ms = 0;  // the delay that the cloud names stands in its place
+    }
     if ((api->state & INNER_API_AVAILABLE) == 0 || api->stopping) {
         LOG_WARN("the inner_api_t is not available");
         return;
@@ -184,6 +187,17 @@ void start_reconnect_unsafe(inner_api_t* api, int32_t force, int32_t delay_ms) R
         inner_state_clear_unsafe(api, INNER_API_RECONNECTING);
         api->reconnect_owed = true;
     }
+}
+
+// Orders the reconnection of a connection that was lost; false when there is none, be it that
+// another thread was here first. A connection made since is up and so out of reach.
+bool recover_unsafe(inner_api_t* api) REQUIRES(api->lock) {
+    if ((api->state & INNER_API_CONNECTED) == 0 || !inner_is_lost(api)) {
+        return false;
+    }
+    inner_state_clear_unsafe(api, INNER_API_CONNECTED);
+    start_reconnect_unsafe(api, 0, 0);
+    return true;
 }
 
 }  // namespace
@@ -217,12 +231,15 @@ void session_start_reconnect(inner_api_t* api, int32_t force, int32_t delay_ms) 
         return;
     }
     const mutex_lock_t held(api->lock);
+    if (force != 0) {
+        api->back_off_ms = 0;
+    }
     start_reconnect_unsafe(api, force, delay_ms);
 }
 
 void session_replace(inner_api_t* api, uint32_t connection) {
     const mutex_lock_t held(api->lock);
-    if (ssl_socket_get_connection(api->ssl_socket) == connection) {
+    if (!recover_unsafe(api) && ssl_socket_get_connection(api->ssl_socket) == connection) {
         start_reconnect_unsafe(api, 1, 0);
     }
 }
@@ -238,7 +255,8 @@ void session_catch_up(inner_api_t* api) {
 }
 
 bool session_task_goes_on(const session_task_t* task) {
-    return inner_is_connected(task->api) &&
+    // A connection lost before its tasks were started has given them the number that came after.
+    return inner_is_connected(task->api) && !inner_is_lost(task->api) &&
            ssl_socket_get_connection(task->api->ssl_socket) == task->connection;
 }
 
@@ -252,4 +270,8 @@ void task_receive(void* arg) {
         }
     }
     LOG_DEBUG("end to receive from the cloud...");
+    if (inner_is_lost(task->api)) {
+        const mutex_lock_t held(task->api->lock);
+        (void)recover_unsafe(task->api);
+    }
 }

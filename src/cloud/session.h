@@ -16,7 +16,8 @@ int32_t session_connect(inner_api_t* api, int32_t timeout_ms);
 int32_t session_disconnect(inner_api_t* api);
 
 // Asks for a reconnection on a task, `delay_ms` from now. A non-zero `force` drops the connection
-// first. An order that comes while a reconnect task runs is carried out by that task.
+// first, and the back-off starts anew. An order that comes while a reconnect task runs is carried
+// out by that task.
 void session_start_reconnect(inner_api_t* api, int32_t force, int32_t delay_ms);
 
 // Tries again to start a reconnection whose task could not be started: without a thread for it the
@@ -44,5 +45,6 @@ void check_timeout_of_request(inner_api_t* api, const char* text);
 // The text of that answer; empty, logged, when memory is out.
 text_ptr timeout_answer_get();
 
-// session_start_reconnect(api, 1, 0), unless that connection has been replaced already.
+// session_start_reconnect(api, 1, 0), unless that connection has been replaced already. With
+// link->recover the back-off of a connection that didn't hold is waited out first.
 void session_replace(inner_api_t* api, uint32_t connection);

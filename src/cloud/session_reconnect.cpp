@@ -1,13 +1,13 @@
 // The reconnect task: attempts one after the other, with a growing delay in between.
+#include "cloud/back_off.h"
 #include "cloud/session.h"
 #include "cloud_svr_codes.h"
 #include "util/log.h"
+#include "util/random.h"
 
 namespace {
 
 constexpr int32_t kConnectTimeoutMs = 5000;
-constexpr int32_t kFirstDelayMs = 1000;
-constexpr int32_t kLongestDelayMs = 900000;
 
 bool is_disconnected(const inner_api_t* api) {
     constexpr uint32_t kBoth = INNER_API_AVAILABLE | INNER_API_CONNECTED;
@@ -38,7 +38,12 @@ void ordered_delay_wait(inner_api_t* api) {
     }
 }
 
-int32_t attempt(inner_api_t* api) {
+// After the attempt the back-off is that long. With link->recover it stays so for a connection that
+// doesn't hold.
+int32_t attempt(inner_api_t* api, int32_t next_delay_ms) {
+    if (link_recovers(api->link)) {
+        api->back_off_ms = next_delay_ms;
+    }
     ordered_delay_wait(api);
     return session_connect(api, kConnectTimeoutMs);
 }
@@ -52,18 +57,28 @@ bool is_refused(int32_t code) {
     return true;
 }
 
+// The wait that stands for that delay of the back-off.
+int32_t wait_get(const inner_api_t* api, int32_t delay_ms) {
+    return link_draws(api->link) ? back_off_jitter(delay_ms, random_get()) : delay_ms;
+}
+
 // Attempts until one succeeds or is refused, or the connection comes about in another way.
 void session_reconnect(inner_api_t* api) {
-    int32_t code = attempt(api);
-    int32_t delay_ms = kFirstDelayMs;
-    while (code != 0 && !is_refused(code)) {
-        LOG_WARN("fail to reconnect the cloud, code=%d", code);
-        LOG_WARN("next time to reconnect is %d ms", delay_ms);
-        if (event_wait(&api->changed, deadline_in(delay_ms), is_no_more_disconnected, api)) {
+    int32_t delay_ms = api->back_off_ms;
+    for (;;) {
+        if (delay_ms > 0) {
+            const int32_t wait_ms = wait_get(api, delay_ms);
+            LOG_WARN("next time to reconnect is %d ms", wait_ms);
+            if (event_wait(&api->changed, deadline_in(wait_ms), is_no_more_disconnected, api)) {
+                return;
+            }
+        }
+        delay_ms = back_off_next(delay_ms);
+        const int32_t code = attempt(api, delay_ms);
+        if (code == 0 || is_refused(code)) {
             return;
         }
-        code = attempt(api);
-        delay_ms = delay_ms < kLongestDelayMs / 2 ? delay_ms * 2 : kLongestDelayMs;
+        LOG_WARN("fail to reconnect the cloud, code=%d", code);
     }
 }
 

@@ -10,6 +10,7 @@ namespace {
 
 constexpr uint32_t kCheckIntervalMs = 500;
 constexpr int kHeartbeatAttempts = 3;
+constexpr uint32_t kHeldMs = 60000;
 
 bool is_over(void* arg) {
     return !session_task_goes_on(static_cast<session_task_t*>(arg));
@@ -39,7 +40,8 @@ void check_timeout_of_heartbeat(session_task_t* task) {
     int32_t code = CLOUD_SVR_E_TIMEOUT;
     for (int attempt = 0; attempt < kHeartbeatAttempts; ++attempt) {
         code = heartbeat_attempt(task);
-        if (code != CLOUD_SVR_E_TIMEOUT && code != CLOUD_SVR_E_NO_CONNECTION) {
+        const bool again = code == CLOUD_SVR_E_TIMEOUT || code == CLOUD_SVR_E_NO_CONNECTION;
+        if (!again || inner_is_lost(task->api)) {
             break;
         }
     }
@@ -115,6 +117,7 @@ void task_timeout_check(void* arg) {
     }
     // Sleeps until the next check or until the connection is over, whichever comes first.
     deadline_t next = {monotonic_ms_get(), kCheckIntervalMs};
+    const deadline_t held = {next.start_ms, kHeldMs};
     uint32_t given_back_for = 0;
     while (!event_wait(&task->api->changed, next, is_over, task)) {
         next.start_ms = monotonic_ms_get();
@@ -122,6 +125,9 @@ void task_timeout_check(void* arg) {
         check_timeout_of_request(task->api, text.get());
         response_data_check_timeout(task->api->response_list);
         quiet_give_back(task->api, &given_back_for);
+        if (deadline_left(held) == 0) {
+            task->api->back_off_ms = 0;
+        }
     }
     LOG_DEBUG("end to check the time out...");
 }

@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 
 #include "cloud_svr_codes.h"
+#include "link/keepalive.h"
 #include "util/log.h"
 #include "util/memory.h"
 
@@ -20,8 +21,10 @@ int32_t disconnect_unsafe(ssl_socket_t* socket) REQUIRES(socket->lock) {
     socket->connected = 0;
     ++socket->connection;
     tls_close(&socket->tls);
-    // The record is cleared as a whole; the name of the certificate file goes with it, unfreed.
-    socket->cer_file = nullptr;
+    if (socket->options == nullptr) {
+        // The record is cleared as a whole; the certificate file's name goes with it, unfreed.
+        socket->cer_file = nullptr;
+    }
     return 0;
 }
 
@@ -63,7 +66,11 @@ int32_t connect_once(ssl_socket_t* socket, const char* host, int32_t port, int32
         cer_file = socket->cer_file;  // never freed before the object is
     }
     tls_t tls;
-    const int32_t code = tls_open(&tls, host, port, timeout_ms, cer_file, &socket->interrupted);
+    const int32_t code =
+        tls_open(&tls, host, port, timeout_ms, cer_file, socket->options, &socket->interrupted);
+    if (code == 0 && link_recovers(socket->options)) {
+        keepalive_set(tls.fd);
+    }
     return attempt_end(socket, attempt, &tls, code);
 }
 
@@ -166,4 +173,10 @@ void ssl_socket_interrupt(ssl_socket_t* socket) {
 
 uint32_t ssl_socket_get_connection(const ssl_socket_t* socket) {
     return socket->connection;
+}
+
+void ssl_socket_lose_unsafe(ssl_socket_t* socket, const char* why) {
+    LOG_WARN("the connection is lost: %s", why);
+    socket->lost = socket->connection.load();
+    (void)disconnect_unsafe(socket);
 }

@@ -4,6 +4,12 @@
 // Any thread may call any function. A frame is written whole before the next one and read whole by
 // one thread; neither holds `lock` while it waits for the network, so a stalled cloud blocks no
 // disconnect. A frame that stalls, in or out, fails after SSL_SOCKET_STALL_MS.
+//
+// With `recover` of the options a connection that can't carry another frame is released by the call
+// that finds it so: one that the cloud has closed, with or without close_notify, or reset; that
+// the kernel or OpenSSL has given up; whose bytes are out of step, as after a wrong magic or a
+// frame that stalled, came in parts or found no memory. A body that isn't JSON, or a wait without a
+// frame, is no loss.
 #pragma once
 
 #include <stdint.h>
@@ -33,8 +39,13 @@ struct ssl_socket_t {
     std::atomic<int32_t> connected{0};
     std::atomic<uint32_t> connection{0};
 
+    // The number of the connection that was lost last, so that who used it knows it from one that
+    // was dropped; 0: none.
+    std::atomic<uint32_t> lost{0};
+
     tls_t tls GUARDED_BY(lock);
-    char* cer_file GUARDED_BY(lock) = nullptr;  // dropped by the first disconnect
+    // Without `options` dropped by the first disconnect.
+    char* cer_file GUARDED_BY(lock) = nullptr;
 
     std::atomic<bool> interrupted{false};  // once set, every wait ends soon, as a failure
 };
@@ -50,7 +61,8 @@ int32_t ssl_socket_connect(ssl_socket_t* socket, const char* host, int32_t port,
                            int32_t timeout_ms);
 
 // 0, or -20107. What the peer's TLS close left behind is not touched: the connection counts as
-// disconnected already, and its descriptor and OpenSSL records stay.
+// disconnected already, and its descriptor and OpenSSL records stay. With `recover` it leaves
+// nothing.
 int32_t ssl_socket_disconnect(ssl_socket_t* socket);
 
 // Disconnects and frees. Nobody may use the object any more.
@@ -81,3 +93,7 @@ int32_t ssl_socket_rcv_on(ssl_socket_t* socket, uint32_t connection, int32_t tim
 // Sleeps until there may be something to receive on the connection of that number, until it is
 // over, or for a second at most.
 void ssl_socket_idle(ssl_socket_t* socket, uint32_t connection);
+
+// Only with `recover`: releases the present connection, which can't carry another frame, and logs
+// why. Whoever waits on it is woken; its sends and receives fail from now on.
+void ssl_socket_lose_unsafe(ssl_socket_t* socket, const char* why) REQUIRES(socket->lock);

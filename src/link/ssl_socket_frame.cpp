@@ -39,8 +39,29 @@ bool link_is_current(const void* arg) {
     return link->socket->connection == link->connection && !link->socket->interrupted;
 }
 
+bool wants_wait(int error) {
+    return error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE;
+}
+
+// Why the last OpenSSL call on this thread has failed for good.
+const char* failure_text(int error) {
+    if (error == SSL_ERROR_ZERO_RETURN) {
+        return "closed by the cloud";
+    }
+    const unsigned long code = ERR_peek_error();
+    const char* const reason = code == 0 ? nullptr : ERR_reason_error_string(code);
+    if (reason != nullptr) {
+        return reason;
+    }
+    return errno == 0 ? "closed by the cloud without close_notify" : strerror(errno);
+}
+
 void chk_result(ssl_socket_t* socket, int result, int error) REQUIRES(socket->lock) {
-    if (result == 0 && error == SSL_ERROR_ZERO_RETURN) {
+    if (link_recovers(socket->options)) {
+        if (result <= 0 && !wants_wait(error)) {
+            ssl_socket_lose_unsafe(socket, failure_text(error));
+        }
+    } else if (result == 0 && error == SSL_ERROR_ZERO_RETURN) {
         socket->connected = 0;
         LOG_WARN("the ssl_socket_t is out of connection");
     }
@@ -60,6 +81,7 @@ io_result_t io_once(const link_t& link, const call_t& call) {
     }
     const tls_t tls = link.socket->tls;
     ERR_clear_error();
+    errno = 0;
     const int result = call(tls.ssl);
     const int error = SSL_get_error(tls.ssl, result);
     chk_result(link.socket, result, error);
@@ -74,8 +96,13 @@ io_result_t read_once(const link_t& link, char* buffer, size_t size) {
     return io_once(link, [=](SSL* ssl) { return SSL_read(ssl, buffer, static_cast<int>(size)); });
 }
 
-bool wants_wait(const io_result_t& io) {
-    return io.error == SSL_ERROR_WANT_READ || io.error == SSL_ERROR_WANT_WRITE;
+// The connection can't carry another frame, which OpenSSL doesn't know. Without `recover` nobody
+// acts on it before a heartbeat fails.
+void link_lose(const link_t& link, const char* why) {
+    const mutex_lock_t held(link.socket->lock);
+    if (link_recovers(link.socket->options) && link_is_up_unsafe(link)) {
+        ssl_socket_lose_unsafe(link.socket, why);
+    }
 }
 
 short wanted_events(const io_result_t& io) {
@@ -88,10 +115,11 @@ int io_through(const link_t& link, const once_t& once) {
     const deadline_t deadline = deadline_in(SSL_SOCKET_STALL_MS);
     for (;;) {
         const io_result_t io = once();
-        if (!wants_wait(io)) {
+        if (!wants_wait(io.error)) {
             return io.result;
         }
         if (fd_wait(io.fd, wanted_events(io), deadline, link_is_current, &link) <= 0) {
+            link_lose(link, "a frame has stalled");
             return -1;
         }
     }
@@ -185,27 +213,27 @@ int32_t parse_body(const char* body, json_ptr* json) {
     return 0;
 }
 
-int32_t rcv_body(const link_t& link, size_t length, json_ptr* json) {
-    const text_ptr body(static_cast<char*>(malloc(length + 1)));
-    if (body == nullptr) {
+int32_t rcv_body(const link_t& link, size_t length, text_ptr* body) {
+    body->reset(static_cast<char*>(malloc(length + 1)));
+    if (*body == nullptr) {
         LOG_ERROR("fail to malloc, size=%d", static_cast<int>(length + 1));
         return CLOUD_SVR_E_RESOURCE;
     }
     // The body must come in one read, that is in one TLS record.
-    const int count = length == 0 ? 0 : rcv_buffer(link, body.get(), length);
+    const int count = length == 0 ? 0 : rcv_buffer(link, body->get(), length);
     if (count != static_cast<int>(length)) {
         LOG_ERROR("fail to receive the json, code=%d", count);
         return CLOUD_SVR_E_INCOMPLETE;
     }
-    body.get()[length] = '\0';
-    return parse_body(body.get(), json);
+    body->get()[length] = '\0';
+    return 0;
 }
 
-// Reads one frame; kNoFrameYet when not even its first byte is there.
-int32_t rcv_unsafe(const link_t& link, json_ptr* json) REQUIRES(link.socket->read_turn) {
+// Reads one frame's body; kNoFrameYet when not even the frame's first byte is there.
+int32_t rcv_unsafe(const link_t& link, text_ptr* body) REQUIRES(link.socket->read_turn) {
     char field[2];
     const io_result_t magic = read_once(link, field, sizeof(field));
-    if (wants_wait(magic)) {
+    if (wants_wait(magic.error)) {
         return kNoFrameYet;
     }
     if (magic.result != static_cast<int>(sizeof(field))) {
@@ -220,7 +248,24 @@ int32_t rcv_unsafe(const link_t& link, json_ptr* json) REQUIRES(link.socket->rea
         LOG_ERROR("fail to receive the length of the json, code=%d", count);
         return CLOUD_SVR_E_INCOMPLETE;
     }
-    return rcv_body(link, big_endian(field), json);
+    return rcv_body(link, big_endian(field), body);
+}
+
+int32_t rcv_frame(const link_t& link, json_ptr* json) {
+    const mutex_lock_t turn(link.socket->read_turn);
+    text_ptr body;
+    const int32_t code = rcv_unsafe(link, &body);
+    if (code == 0) {
+        return parse_body(body.get(), json);
+    }
+    if (code != kNoFrameYet) {
+        link_lose(link, "what has come is not a whole frame");
+    }
+    return code;
+}
+
+bool link_is_lost(const link_t& link) {
+    return link.socket->lost == link.connection;
 }
 
 enum look_t { LOOK_GONE, LOOK_CLOSED, LOOK_DATA, LOOK_EMPTY };
@@ -228,7 +273,7 @@ enum look_t { LOOK_GONE, LOOK_CLOSED, LOOK_DATA, LOOK_EMPTY };
 // Whether the connection is there and OpenSSL already holds bytes, which no poll would tell.
 look_t look(const link_t& link, int* fd) {
     const mutex_lock_t held(link.socket->lock);
-    if (!link_is_current(&link)) {
+    if (!link_is_current(&link) && !link_is_lost(link)) {
         return LOOK_GONE;
     }
     if (!link_is_up_unsafe(link)) {
@@ -297,12 +342,8 @@ int32_t ssl_socket_rcv_on(ssl_socket_t* socket, uint32_t connection, int32_t tim
                 return wait_failed(result, link, deadline);
             }
         }
-        int32_t code = 0;
-        {
-            const mutex_lock_t turn(link.socket->read_turn);
-            code = rcv_unsafe(link, json);
-        }
-        if (code == CLOUD_SVR_E_INCOMPLETE && !link_is_current(&link)) {
+        const int32_t code = rcv_frame(link, json);
+        if (code == CLOUD_SVR_E_INCOMPLETE && !link_is_current(&link) && !link_is_lost(link)) {
             return CLOUD_SVR_E_NOTHING;  // dropped by ourselves while it was looked at
         }
         if (code != kNoFrameYet) {

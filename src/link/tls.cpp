@@ -15,6 +15,7 @@
 
 #include "cloud_svr_codes.h"
 #include "link/fd_wait.h"
+#include "link/tls_verify.h"
 #include "util/log.h"
 
 namespace {
@@ -89,7 +90,7 @@ void certificate_set(SSL* ssl, const char* cer_file) {
     }
 }
 
-int32_t ssl_make(tls_t* tls, const char* cer_file) {
+int32_t ssl_make(tls_t* tls, const char* cer_file, const link_options_t* options) {
     SSL_library_init();
     SSL_load_error_strings();
     tls->ctx = SSL_CTX_new(SSLv23_client_method());
@@ -100,8 +101,12 @@ int32_t ssl_make(tls_t* tls, const char* cer_file) {
     // Buffers are given back while the connection is idle; a whole record is fetched by one read.
     (void)SSL_CTX_set_mode(tls->ctx, SSL_MODE_RELEASE_BUFFERS);
     SSL_CTX_set_read_ahead(tls->ctx, 1);
+    const int32_t code = options == nullptr ? 0 : tls_verify_prepare(tls->ctx, options);
+    if (code != 0) {
+        return code;
+    }
     tls->ssl = SSL_new(tls->ctx);
-    if (tls->ssl == nullptr) {
+    if (tls->ssl == nullptr || (options != nullptr && !tls_verify_name_send(tls->ssl, options))) {
         LOG_ERROR("fail to create a new SSL");
         return CLOUD_SVR_E_RESOURCE;
     }
@@ -138,20 +143,25 @@ int ssl_shake_hands(const tls_t* tls, const std::atomic<bool>* interrupted) {
 }  // namespace
 
 int32_t tls_open(tls_t* tls, const char* host, int32_t port, int32_t timeout_ms,
-                 const char* cer_file, const std::atomic<bool>* interrupted) {
+                 const char* cer_file, const link_options_t* options,
+                 const std::atomic<bool>* interrupted) {
     int32_t code = socket_open(tls);
     if (code == 0) {
         code = tcp_connect(tls->fd, host, port, timeout_ms, interrupted);
     }
     if (code == 0) {
-        code = ssl_make(tls, cer_file);
+        code = ssl_make(tls, cer_file, options);
     }
     if (code != 0) {
         return code;
     }
-    // A result of 0 counts as connected, too: the first write then fails and says so.
+    // A result of 0 counts as connected, too: the first write then fails and says so. It shows
+    // nothing of who the server is, though.
     const int result = ssl_shake_hands(tls, interrupted);
-    if (result < 0) {
+    if (result < 0 || (result == 0 && options != nullptr && options->verify)) {
+        if (options != nullptr) {
+            tls_verify_failure_log(options);
+        }
         LOG_ERROR("fail to connect to the SSL, result=%d, error=%d", result, errno);
         return CLOUD_SVR_E_NO_CONNECTION;
     }

@@ -231,6 +231,25 @@ std::vector<std::string> daemon_t::log() {
     return lines;
 }
 
+long daemon_t::status(const std::string& name) const {
+    std::ifstream file("/proc/" + std::to_string(pid) + "/status");
+    const std::string text{std::istreambuf_iterator<char>(file), {}};
+    return atol(text.c_str() + text.find(name) + name.size());
+}
+
+long daemon_t::descriptors() const {
+    const std::string folder = "/proc/" + std::to_string(pid) + "/fd";
+    return std::distance(std::filesystem::directory_iterator(folder), {});
+}
+
+std::int64_t daemon_t::processor_ms() const {
+    clockid_t clock = 0;
+    timespec spent = {};
+    EXPECT_EQ(clock_getcpuclockid(pid, &clock), 0);
+    clock_gettime(clock, &spent);
+    return spent.tv_sec * 1000 + spent.tv_nsec / 1000000;
+}
+
 // ---- A client
 
 client_t::client_t() : fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
@@ -354,15 +373,16 @@ std::string cloud_answer(std::int64_t id, const std::string& response) {
 
 // ---- The fixture
 
-void e2e_test::configure(const settings_t& settings, const sim_behaviour_t& behaviour) {
-    sim_config_t config;
+void e2e_test::configure(const settings_t& settings, const sim_behaviour_t& behaviour,
+                         sim_config_t config) {
     config.behaviour = behaviour;
     cloud = sim_start(config);
     ASSERT_NE(cloud, nullptr);
-    std::ofstream("/tmp/ca.pem") << sim_certificate(cloud.get());
+    std::ofstream("/tmp/ca.pem") << sim_ca(cloud.get());
     const std::string kits = environment("CLOUD_SVR_KITS", E2E_KITS);
+    const std::string link = settings.link.empty() ? "" : R"("link":)" + settings.link + ",";
     std::ofstream("/tmp/config.cfg")
-        << R"({"cloud":{"domain":"127.0.0.1","port":)" << sim_port(cloud.get())
+        << "{" << link << R"("cloud":{"domain":"127.0.0.1","port":)" << sim_port(cloud.get())
         << R"(},"default":{"cer_file":"/tmp/ca.pem","heartbeat_interval_ms":)"
         << settings.heartbeat_ms << R"(,"request_timeout_ms":)" << settings.timeout_ms
         << R"(,"max_message_number":)" << settings.messages << R"(,"max_client_number":)"

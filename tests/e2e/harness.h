@@ -37,6 +37,7 @@ struct settings_t {
     int messages = 1000;
     int clients = 20;
     std::string kit = "full";  // full, respond, none or slow; empty: client mode
+    std::string link;          // the object "link"; empty: none
 };
 
 // The daemon's process. What it prints, on both outputs, is collected line by line.
@@ -54,6 +55,10 @@ struct daemon_t {
     // What stands behind that text in the first line that holds it.
     std::string log_tail(const std::string& text);
     std::vector<std::string> log();
+    // The number behind that name in the process's status, "VmRSS:" say, in kB.
+    long status(const std::string& name) const;
+    long descriptors() const;
+    std::int64_t processor_ms() const;
 
     pid_t pid = 0;  // 0: doesn't run
 
@@ -115,7 +120,8 @@ std::string cloud_answer(std::int64_t id, const std::string& response);
 
 struct e2e_test : testing::Test {
     // A cloud that behaves so, and a configuration for it; a daemon with that; both.
-    void configure(const settings_t& settings = {}, const sim_behaviour_t& behaviour = {});
+    void configure(const settings_t& settings = {}, const sim_behaviour_t& behaviour = {},
+                   sim_config_t config = {});
     void launch();
     void start(const settings_t& settings = {}, const sim_behaviour_t& behaviour = {});
     // The same, and waits until it is connected.

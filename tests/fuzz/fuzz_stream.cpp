@@ -328,7 +328,8 @@ int32_t tls_prepare() {
     return 0;
 }
 
-int32_t tls_open(tls_t* tls, const char*, int32_t, int32_t, const char*, const std::atomic<bool>*) {
+int32_t tls_open(tls_t* tls, const char*, int32_t, int32_t, const char*, const link_options_t*,
+                 const std::atomic<bool>*) {
     g_world->answers.clear();
     g_world->record = {};
     if (++g_world->attempts > 6 || (FUZZ_SIDE == 'C' && g_world->cloud.empty())) {

@@ -64,6 +64,7 @@ struct line_t {
 };
 
 struct network_test : e2e_test {
+    settings_t settings = {.heartbeat_ms = 500, .timeout_ms = 1000};
     line_t line;
     std::thread carrier;
 
@@ -96,7 +97,7 @@ struct network_test : e2e_test {
             GTEST_SKIP() << "no network namespaces, or no /dev/net/tun";
         }
         ASSERT_TRUE(run("ip link set lo up"));
-        configure({.heartbeat_ms = 500, .timeout_ms = 1000});
+        configure(settings);
         cloud_start("10.9.0.1", sim_port(cloud.get()));
         ASSERT_TRUE(run("sed -i s/127.0.0.1/cloud.test/ /tmp/config.cfg"));
         setenv("CLOUD_SVR_RUNNER", "ip netns exec device", 1);
@@ -109,6 +110,10 @@ struct network_test : e2e_test {
         line.ended = true;
         carrier.join();
     }
+};
+
+struct recovering_network_test : network_test {
+    recovering_network_test() { settings = {.link = R"({"recover":true})"}; }
 };
 
 TEST_F(network_test, loses_delays_and_reorders) {
@@ -136,6 +141,20 @@ TEST_F(network_test, is_cut_without_a_word) {
     EXPECT_NE(client.response(request.id).find("-20002"), std::string::npos);
     EXPECT_TRUE(daemon.await_log("fail to send the heartbeat, error=-20002"));
     EXPECT_TRUE(daemon.await_log("next time to reconnect is 1000 ms"));
+    line.cut = false;
+    EXPECT_TRUE(connected(2));
+    EXPECT_TRUE(works());
+}
+
+// The kernel's probes find it, without a heartbeat, a minute after the last sign of life. The
+// connection has held for more than that, so an attempt, lost on the line as well, comes at once.
+TEST_F(recovering_network_test, is_cut_without_a_word) {
+    (void)client_t().await_method("none", 3000);
+    EXPECT_TRUE(works());
+    line.cut = true;
+    ASSERT_TRUE(daemon.await_log("the connection is lost: Connection timed out", 1, 120000));
+    ASSERT_TRUE(daemon.await_log("begin to connect the ssl_socket_t...", 2));
+    EXPECT_EQ(daemon.count_log("next time to reconnect"), 0U);
     line.cut = false;
     EXPECT_TRUE(connected(2));
     EXPECT_TRUE(works());

@@ -161,18 +161,6 @@ void cloud_run(soak_t* soak, sim_t* cloud, random_t random) {
 struct soak_test : e2e_test {
     soak_t soak;
 
-    // The number behind that name in the daemon's status.
-    long status(const std::string& name) const {
-        std::ifstream file("/proc/" + std::to_string(daemon.pid) + "/status");
-        const std::string text{std::istreambuf_iterator<char>(file), {}};
-        return atol(text.c_str() + text.find(name) + name.size());
-    }
-
-    long descriptors() const {
-        const std::string folder = "/proc/" + std::to_string(daemon.pid) + "/fd";
-        return std::distance(std::filesystem::directory_iterator(folder), {});
-    }
-
     // A round, in whose midst the daemon may be stopped.
     void traffic(random_t* random, bool stops) {
         std::vector<std::jthread> agents;
@@ -199,22 +187,23 @@ struct soak_test : e2e_test {
         const long threads = threads_at_start + 2;
         const long most = at_start + 1 + soak.closed_by_tls;
         const std::int64_t deadline = now_ms() + wait_ms();
-        while ((status("Threads:") > threads || descriptors() > most) && now_ms() < deadline) {
+        while ((daemon.status("Threads:") > threads || daemon.descriptors() > most) &&
+               now_ms() < deadline) {
             usleep(50000);
         }
-        EXPECT_GE(status("Threads:"), threads_at_start) << "the daemon has gone";
-        EXPECT_LE(status("Threads:"), threads);
-        EXPECT_LE(descriptors(), most);
-        *kb = *kb == 0 ? status("VmRSS:") : *kb;
-        const long growth = status("VmRSS:") - *kb;
+        EXPECT_GE(daemon.status("Threads:"), threads_at_start) << "the daemon has gone";
+        EXPECT_LE(daemon.status("Threads:"), threads);
+        EXPECT_LE(daemon.descriptors(), most);
+        *kb = *kb == 0 ? daemon.status("VmRSS:") : *kb;
+        const long growth = daemon.status("VmRSS:") - *kb;
         EXPECT_TRUE(is_slow() || growth < slack_kb + close_kb * soak.closed_by_tls) << growth;
         printf("soak: %ld kB, %ld descriptors more after %ld TLS closes by the cloud\n", growth,
-               descriptors() - at_start - 1, soak.closed_by_tls.load());
+               daemon.descriptors() - at_start - 1, soak.closed_by_tls.load());
     }
 
     void live(random_t* random, std::int64_t end) {
-        const long threads = status("Threads:");
-        const long at_start = descriptors();
+        const long threads = daemon.status("Threads:");
+        const long at_start = daemon.descriptors();
         long kb = 0;
         soak.closed_by_tls = 0;
         for (bool last = false; !last && !HasFailure();) {

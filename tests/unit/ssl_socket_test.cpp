@@ -1,5 +1,7 @@
 #include "link/ssl_socket.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 
 #include "capture.h"
@@ -195,4 +197,77 @@ TEST_F(ssl_socket_test, frames_of_many_senders_never_mix_while_another_receives)
     const auto all = [](const sim_stats_t& stats) { return stats.requests >= 4 * rounds; };
     EXPECT_TRUE(sim_wait_stats(sim.get(), all, kPatienceMs));
     EXPECT_EQ(sim_stats(sim.get()).faults, 0U);
+}
+
+// With "recover".
+struct ssl_socket_recover_test : ssl_socket_test {
+    link_options_t options = {};
+
+    ssl_socket_recover_test() {
+        options.recover = true;
+        owned.reset(ssl_socket_init("none.cer", &options));
+        socket = owned.get();
+    }
+    ~ssl_socket_recover_test() override { owned.reset(); }
+
+    void expect_lost(const std::string& why, uint32_t connection) {
+        EXPECT_TRUE(log.has("- the connection is lost: " + why)) << why;
+        EXPECT_EQ(ssl_socket_get_status(socket), 0);
+        EXPECT_EQ(ssl_socket_rcv_on(socket, connection, kPatienceMs, &json),
+                  CLOUD_SVR_E_INCOMPLETE);
+        const mutex_lock_t held(socket->lock);
+        EXPECT_TRUE(socket->tls.fd == 0 && socket->tls.ssl == nullptr &&
+                    socket->tls.ctx == nullptr && socket->cer_file != nullptr);
+    }
+};
+
+TEST_F(ssl_socket_recover_test, the_kernel_finds_a_peer_that_vanishes_within_two_minutes) {
+    connect_through();
+    const mutex_lock_t held(socket->lock);
+    const auto option = [&](int name) {
+        int value = -1;
+        socklen_t size = sizeof(value);
+        getsockopt(socket->tls.fd, IPPROTO_TCP, name, &value, &size);
+        return value;
+    };
+    EXPECT_LE(option(TCP_KEEPIDLE) + option(TCP_KEEPCNT) * option(TCP_KEEPINTVL), 120);
+    EXPECT_GT(option(TCP_USER_TIMEOUT), 0);
+    EXPECT_LE(option(TCP_USER_TIMEOUT), 60000);  // old kernels take twice as long
+}
+
+TEST_F(ssl_socket_recover_test, what_no_further_frame_can_follow_is_a_loss) {
+    const std::string broken = "what has come is not a whole frame\n";
+    const std::pair<sim_step_t, std::string> losses[] = {
+        {{sim_kind_t::close, ""}, "closed by the cloud\n"},
+        {{sim_kind_t::close_tcp, ""}, ""},
+        {{sim_kind_t::reset, ""}, "Connection reset by peer\n"},
+        {{sim_kind_t::raw, "\xB2\xA1"}, broken},
+        {{sim_kind_t::raw, "\xA1"}, broken},
+        {{sim_kind_t::raw, sim_frame("[1]").substr(0, 5)}, broken},
+    };
+    for (const auto& [step, why] : losses) {
+        connect_through();
+        for (const std::string text : {"", "{"}) {  // no text, but frames: none
+            sim_send_raw(sim.get(), sim_newest, sim_frame(text));
+            EXPECT_EQ(receive(kPatienceMs), CLOUD_SVR_E_FORMAT);
+        }
+        EXPECT_EQ(receive(0), CLOUD_SVR_E_NOTHING);
+        EXPECT_FALSE(log.has("lost"));
+        const uint32_t connection = ssl_socket_get_connection(socket);
+        sim_do(sim.get(), sim_newest, step);
+        EXPECT_LE(receive(kPatienceMs), CLOUD_SVR_E_FORMAT);
+        expect_lost(why, connection);
+    }
+}
+
+TEST_F(ssl_socket_recover_test, a_send_that_finds_the_loss_leaves_the_next_connection_alone) {
+    connect_through();
+    const uint32_t connection = ssl_socket_get_connection(socket);
+    sim_close(sim.get(), sim_newest, sim_kind_t::reset);
+    while (send("{}") == 0) {
+    }
+    expect_lost("", connection);
+    connect_through();
+    EXPECT_EQ(ssl_socket_rcv_on(socket, connection, kPatienceMs, &json), CLOUD_SVR_E_INCOMPLETE);
+    EXPECT_EQ(ssl_socket_get_status(socket), 1);
 }

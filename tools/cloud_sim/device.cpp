@@ -88,11 +88,28 @@ bool may_retry(sim_t* sim, sim_device_t* device, int result, const char* doing) 
     return false;
 }
 
+// What the device has shown of itself, and of whom it looks for.
+void log_secured(sim_t* sim, const sim_device_t* device) {
+    std::string text;
+    if (const char* const name = SSL_get_servername(device->ssl.get(), TLSEXT_NAMETYPE_host_name)) {
+        text = std::string("server name ") + name;
+    }
+    if (const X509* const given = SSL_get0_peer_certificate(device->ssl.get())) {
+        char subject[256];
+        X509_NAME_oneline(X509_get_subject_name(given), subject, sizeof subject);
+        text += std::string(text.empty() ? "" : ", ") + "client certificate " + subject;
+    }
+    if (!text.empty()) {
+        log_add(sim, sim_what_t::secured, device->number, text);
+    }
+}
+
 bool secure(sim_t* sim, sim_device_t* device) {
     ERR_clear_error();
     const int result = SSL_accept(device->ssl.get());
     if (result == 1) {
         device->secured = true;
+        log_secured(sim, device);
         return true;
     }
     may_retry(sim, device, result, "TLS handshake: ");

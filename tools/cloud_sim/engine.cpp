@@ -259,7 +259,7 @@ sim_handle_t sim_start(sim_config_t config, std::string* error) {
     sim->config = std::move(config);
     sim->behaviour = std::move(sim->config.behaviour);
     sim->port = sim->config.port;
-    sim->context = context_make(sim->config, &sim->certificate, error);
+    sim->context = context_make(sim.get(), error);
     if (sim->context == nullptr || !start_loop(sim.get(), error)) {
         return nullptr;
     }

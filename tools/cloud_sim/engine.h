@@ -38,7 +38,8 @@ enum class sim_kind_t : std::uint8_t {
     send,           // send `text` in a frame, as it stands; as an answer it gets the request's "id"
     request,        // send the JSON object `text` in a frame; an "id" is added when it has none
     raw,            // send the bytes of `text` without a frame, in a TLS record of their own
-    stall,          // send the first half of `text`'s frame and nothing more until `resume`
+    stall,          // send the first half of `text`'s frame and nothing more until `resume`; a
+                    // request gets an "id" when it has none
     resume,         // send the rest of the stalled frame and what has queued up behind it
     stop_reading,   // leave everything the device sends in the socket
     start_reading,  // read again
@@ -104,10 +105,13 @@ struct sim_behaviour_t {
 
 enum class sim_what_t : std::uint8_t {
     opened,      // text: the device's address and port
+    secured,     // text: the server name that it asked for and the client certificate that it gave;
+                 // no entry where there is neither
     handshaken,  // text: "helloCloud" or "default"
     received,    // text: the message
     sent,        // text: the message
     fault,       // text: what the device did wrong
+    acted,       // text: drop, stall, resume, stop_reading or start_reading
     closed,      // text: by whom and why
 };
 
@@ -137,12 +141,19 @@ struct sim_stats_t {
 
 // ---- Start and stop
 
+// Which certificate is made. All but the first come from a CA made on the spot (`sim_ca`), by way
+// of an intermediate one that is sent along.
+enum class sim_made_t : std::uint8_t { self_signed, by_ca, expired, not_yet_valid };
+
 struct sim_config_t {
     std::string address = "127.0.0.1";  // IPv4
     std::uint16_t port = 0;             // 0: any free one
-    std::string certificate_file;       // PEM; both empty: a self-signed one is made in memory
+    std::string certificate_file;       // PEM; both empty: one is made in memory
     std::string key_file;
-    int max_tls = 0;                // 10, 11, 12 or 13; 0: the newest there is
+    sim_made_t made = sim_made_t::self_signed;
+    std::string names;        // of a made one: "DNS:a.example,IP:10.0.0.1"; empty: this machine's
+    bool ask_client = false;  // only devices with a certificate of `sim_ca` are let in
+    int max_tls = 0;          // 10, 11, 12 or 13; 0: the newest there is
     std::size_t log_limit = 10000;  // entries kept; 0: nothing is logged (benchmarks)
     std::function<void(const sim_entry_t&)> observer;  // called for every entry
     sim_behaviour_t behaviour;
@@ -164,6 +175,11 @@ void sim_stop(sim_t* sim);
 std::uint16_t sim_port(const sim_t* sim);
 // The certificate in use as PEM, for a device's CA file.
 std::string sim_certificate(const sim_t* sim);
+// The CA that certificates are made by, as PEM; a self-signed one is its own.
+std::string sim_ca(const sim_t* sim);
+// A new certificate of that CA for a device, with its key behind it, as PEM; empty when it can't be
+// made. `name` is its common name.
+std::string sim_client_certificate(const sim_t* sim, const std::string& name);
 
 void sim_set_behaviour(sim_t* sim, sim_behaviour_t behaviour);
 sim_behaviour_t sim_get_behaviour(sim_t* sim);

@@ -1,14 +1,18 @@
 // cloud_sim: the engine behind a command line. Standard input's lines go to the devices, what
 // passes goes to standard output.
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <mutex>
 #include <string>
@@ -20,6 +24,7 @@
 
 #include "cloud_sim/engine.h"
 #include "cloud_sim/scenario.h"
+#include "common/output.h"
 
 namespace {
 
@@ -30,8 +35,14 @@ struct settings_t {
     sim_config_t config;
     std::string hello;
     std::string scenario;
+    std::string made;
+    std::string ca_out;
+    std::string client_out;
     bool quiet = false;
 };
+
+// In the order of sim_made_t.
+const std::vector<std::string> made_words = {"self_signed", "by_ca", "expired", "not_yet_valid"};
 
 std::mutex print_lock;  // taken after the engine's
 
@@ -54,6 +65,8 @@ const char* label(sim_what_t what) {
     switch (what) {
         case sim_what_t::opened:
             return "connected from ";
+        case sim_what_t::secured:
+            return "TLS: ";
         case sim_what_t::handshaken:
             return "handshake done: ";
         case sim_what_t::received:
@@ -62,16 +75,25 @@ const char* label(sim_what_t what) {
             return "-> ";
         case sim_what_t::fault:
             return "fault: ";
+        case sim_what_t::acted:
+            return "action: ";
         case sim_what_t::closed:
             return "closed ";
     }
     return "";
 }
 
+// Without anybody to read what passes it ends, as a signal would end it. Wants print_lock held.
+void hand_on() {
+    if (!output_flush()) {
+        kill(getpid(), SIGTERM);
+    }
+}
+
 void print_entry(const sim_entry_t& entry) {
     const std::lock_guard guard(print_lock);
     std::printf("@%d %s%s\n", entry.device, label(entry.what), one_line(entry.text).c_str());
-    std::fflush(stdout);
+    hand_on();
 }
 
 void print_statistics(const sim_stats_t& stats) {
@@ -87,7 +109,6 @@ void print_statistics(const sim_stats_t& stats) {
     }
     const std::lock_guard guard(print_lock);
     std::fputs(text.c_str(), stdout);
-    std::fflush(stdout);
 }
 
 // ---- Standard input
@@ -124,7 +145,10 @@ void take_line(sim_t* sim, std::string line) {
     }
     for (const int target : targets) {
         if (target < 1 || !send_to(sim, target, line, asks)) {
-            complain("not sent: no device " + std::to_string(target) + ", or too long");
+            const std::vector<int> open = sim_devices(sim);
+            const bool is_open = std::find(open.begin(), open.end(), target) != open.end();
+            complain("not sent: " +
+                     (is_open ? "too long for a frame" : "no device " + std::to_string(target)));
         }
     }
 }
@@ -134,6 +158,9 @@ bool take_input(sim_t* sim, std::string* pending) {
     char bytes[4096];
     const ssize_t count = read(STDIN_FILENO, bytes, sizeof bytes);
     if (count <= 0) {
+        if (count < 0 && errno != EIO) {  // of a terminal that belongs to another job now
+            complain(std::string("standard input: ") + std::strerror(errno));
+        }
         take_line(sim, *pending);
         return false;
     }
@@ -175,9 +202,28 @@ int catch_signals() {
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
     sigprocmask(SIG_BLOCK, &signals, nullptr);
+    signal(SIGTTIN, SIG_IGN);  // goes on as a job in the background
     return signalfd(-1, &signals, SFD_CLOEXEC);
 }
 
+bool save(const std::string& path, const std::string& pem, std::string* error) {
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    const bool is_done =
+        fd >= 0 && write(fd, pem.data(), pem.size()) == static_cast<ssize_t>(pem.size());
+    if (!is_done) {
+        *error = "cannot write " + path + ": " + std::strerror(errno);
+    }
+    close(fd);
+    return is_done;
+}
+
+bool save_certificates(const sim_t* sim, const settings_t& settings, std::string* error) {
+    return (settings.ca_out.empty() || save(settings.ca_out, sim_ca(sim), error)) &&
+           (settings.client_out.empty() ||
+            save(settings.client_out, sim_client_certificate(sim, "device"), error));
+}
+
+// With a line in `error` when it failed, whether or not it serves.
 sim_handle_t start(settings_t* settings, std::string* error) {
     sim_config_t& config = settings->config;
     if (!settings->scenario.empty() &&
@@ -186,6 +232,9 @@ sim_handle_t start(settings_t* settings, std::string* error) {
     }
     if (!settings->hello.empty()) {
         scenario_set_hello(settings->hello, &config.behaviour);
+    }
+    for (std::size_t i = 0; i < made_words.size(); ++i) {
+        config.made = settings->made == made_words[i] ? static_cast<sim_made_t>(i) : config.made;
     }
     config.log_limit = 0;
     config.observer = [quiet = settings->quiet](const sim_entry_t& entry) {
@@ -196,9 +245,9 @@ sim_handle_t start(settings_t* settings, std::string* error) {
     // The first line says where, even if a device is quicker.
     const std::lock_guard guard(print_lock);
     sim_handle_t sim = sim_start(config, error);
-    if (sim != nullptr) {
+    if (sim != nullptr && save_certificates(sim.get(), *settings, error)) {
         std::printf("listening on %s:%u\n", config.address.c_str(), sim_port(sim.get()));
-        std::fflush(stdout);
+        hand_on();
     }
     return sim;
 }
@@ -207,8 +256,8 @@ int run(settings_t* settings) {
     const int signal_fd = catch_signals();
     std::string error;
     const sim_handle_t sim = start(settings, &error);
-    if (signal_fd < 0 || sim == nullptr) {
-        complain(sim == nullptr ? error : "cannot catch signals");
+    if (signal_fd < 0 || sim == nullptr || !error.empty()) {
+        complain(!error.empty() ? error : "cannot catch signals");
         return EXIT_FAILURE;
     }
     serve_input(sim.get(), signal_fd);
@@ -223,18 +272,35 @@ std::string check_hello(const std::string& word) {
     return scenario_set_hello(word, &unused) ? std::string() : "no such hello: " + word;
 }
 
-void add_options(CLI::App* app, settings_t* settings) {
+void add_certificate_options(CLI::App* app, settings_t* settings) {
     sim_config_t& config = settings->config;
-    config.port = default_port;
-    app->add_option("--port", config.port, "TCP port, 0 for any free one")->capture_default_str();
-    app->add_option("--address", config.address, "IPv4 address to listen on")
-        ->check(CLI::ValidIPV4)
-        ->capture_default_str();
     auto* const certificate = app->add_option("--cert", config.certificate_file,
                                               "certificate (PEM); one is made if not given");
     auto* const key = app->add_option("--key", config.key_file, "its private key (PEM)");
     certificate->needs(key);
     key->needs(certificate);
+    app->add_option("--make", settings->made, "which certificate is made")
+        ->check(CLI::IsMember(made_words))
+        ->excludes(certificate);
+    app->add_option("--names", config.names, "what it is for: DNS:a.example,IP:10.0.0.1")
+        ->excludes(certificate);
+    app->add_option("--ca-out", settings->ca_out, "write the CA that certificates come from (PEM)");
+    app->add_option("--client-out", settings->client_out,
+                    "write a client certificate of that CA with its key (PEM)");
+    app->add_flag("--ask-client", config.ask_client, "let in none but devices with such a one");
+}
+
+void add_options(CLI::App* app, settings_t* settings) {
+    sim_config_t& config = settings->config;
+    config.port = default_port;
+    app->add_option("--port", config.port, "TCP port, 0 for any free one")
+        ->check(CLI::Range(0, UINT16_MAX).description(""))
+        ->type_name("PORT")
+        ->capture_default_str();
+    app->add_option("--address", config.address, "IPv4 address to listen on")
+        ->check(CLI::ValidIPV4)
+        ->capture_default_str();
+    add_certificate_options(app, settings);
     app->add_option("--hello", settings->hello,
                     "answer to helloCloud: accept, refuse[:TYPE], stop[:SECONDS], error:CODE,\n"
                     "wrong_id or silent")
@@ -251,7 +317,10 @@ bool parse(int argc, char** argv, settings_t* settings, int* exit_code) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        *exit_code = app.exit(error) == 0 ? EXIT_SUCCESS : wrong_usage;
+        *exit_code = error.get_exit_code() == 0 ? app.exit(error) : wrong_usage;
+        if (*exit_code == wrong_usage) {
+            complain(std::string(error.what()) + " (see cloud_sim --help)");
+        }
         return false;
     }
     return true;
@@ -262,8 +331,11 @@ bool parse(int argc, char** argv, settings_t* settings, int* exit_code) {
 int main(int argc, char** argv) {
     try {
         settings_t settings;
-        int exit_code = EXIT_SUCCESS;
-        return parse(argc, argv, &settings, &exit_code) ? run(&settings) : exit_code;
+        int exit_code = EXIT_FAILURE;
+        if (output_prepare() && parse(argc, argv, &settings, &exit_code)) {
+            exit_code = run(&settings);
+        }
+        return output_flush() ? exit_code : EXIT_FAILURE;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "cloud_sim: %s\n", error.what());
         return EXIT_FAILURE;

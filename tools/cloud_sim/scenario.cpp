@@ -2,10 +2,9 @@
 
 #include <cerrno>
 #include <charconv>
+#include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <initializer_list>
-#include <iterator>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -59,6 +58,8 @@ bool check_keys(reader_t* reader, const cJSON* object, const char* where,
     return true;
 }
 
+constexpr int any_number = INT32_MIN;
+
 int read_int(reader_t* reader, const cJSON* object, const char* key, int least, int otherwise) {
     const cJSON* const item = member(object, key);
     if (item == nullptr) {
@@ -66,8 +67,8 @@ int read_int(reader_t* reader, const cJSON* object, const char* key, int least, 
     }
     if (cJSON_IsNumber(item) == 0 || item->valuedouble != item->valueint ||
         item->valueint < least) {
-        fail(reader, std::string("\"") + key + "\" is not a whole number from " +
-                         std::to_string(least) + " on");
+        fail(reader, std::string("\"") + key + "\" is not a whole number" +
+                         (least == any_number ? "" : " from " + std::to_string(least) + " on"));
         return otherwise;
     }
     return item->valueint;
@@ -106,8 +107,6 @@ struct rule_t {
     sim_step_t step;
 };
 
-constexpr int any_number = INT32_MIN;
-
 std::string answer_text(reader_t* reader, const cJSON* item) {
     if (const cJSON* const answer = member(item, "answer")) {
         return print(answer);
@@ -123,7 +122,7 @@ std::string answer_text(reader_t* reader, const cJSON* item) {
 
 rule_t read_rule(reader_t* reader, const cJSON* item) {
     rule_t rule;
-    if (!check_keys(reader, item, "\"answers\"",
+    if (!check_keys(reader, item, "an entry of \"answers\"",
                     {"method", "times", "delay_ms", "result", "error_code", "answer", "action"})) {
         return rule;
     }
@@ -135,11 +134,18 @@ rule_t read_rule(reader_t* reader, const cJSON* item) {
     rule.method = method;
     rule.times = read_int(reader, item, "times", 0, -1);
     rule.step.delay_ms = read_int(reader, item, "delay_ms", 0, 0);
-    const bool answers = member(item, "answer") != nullptr || member(item, "result") != nullptr ||
-                         member(item, "error_code") != nullptr;
+    const bool whole = member(item, "answer") != nullptr;
+    const bool parts = member(item, "result") != nullptr || member(item, "error_code") != nullptr;
+    const bool answers = whole || parts;
     const std::optional<sim_kind_t> action = action_of(reader, item);
+    if (whole && parts) {
+        fail(reader, "\"answer\" to \"" + rule.method + "\" next to a part of an answer");
+    }
     if (action && answers && *action != sim_kind_t::stall) {
         fail(reader, "an answer to \"" + rule.method + "\" next to an \"action\"");
+    }
+    if (action == sim_kind_t::resume || action == sim_kind_t::start_reading) {
+        fail(reader, "\"action\" \"resume\" and \"start_reading\" are for \"send\" only");
     }
     rule.step.kind = action ? *action : answers ? sim_kind_t::send : sim_kind_t::echo;
     rule.step.text = answer_text(reader, item);
@@ -173,7 +179,7 @@ void read_answers(reader_t* reader, const cJSON* list, sim_behaviour_t* behaviou
 
 sim_step_t read_sending(reader_t* reader, const cJSON* item) {
     sim_step_t step;
-    if (!check_keys(reader, item, "\"send\"",
+    if (!check_keys(reader, item, "an entry of \"send\"",
                     {"after_ms", "repeat_ms", "message", "text", "action"})) {
         return step;
     }
@@ -182,11 +188,21 @@ sim_step_t read_sending(reader_t* reader, const cJSON* item) {
     const cJSON* const message = member(item, "message");
     const char* const text = cJSON_GetStringValue(member(item, "text"));
     const std::optional<sim_kind_t> action = action_of(reader, item);
-    const int given = (message != nullptr) + (text != nullptr) + action.has_value();
-    const bool stalls = action == sim_kind_t::stall && given == 2;
-    if (action == sim_kind_t::drop ||
-        (stalls ? false : given != 1 || action == sim_kind_t::stall)) {
-        fail(reader, "a \"send\" has one of \"message\", \"text\" and \"action\"");
+    if (message != nullptr && cJSON_IsObject(message) == 0) {
+        fail(reader, "\"message\" is not an object");
+    }
+    if (text == nullptr && member(item, "text") != nullptr) {
+        fail(reader, "\"text\" is not a text");
+    }
+    if (action == sim_kind_t::drop) {
+        fail(reader, "\"action\" \"drop\" is for \"answers\" only");
+    }
+    const bool stalls = action == sim_kind_t::stall;
+    const int given = (message != nullptr) + (text != nullptr) + (action.has_value() && !stalls);
+    if (given != 1) {
+        fail(reader,
+             stalls ? "\"action\" \"stall\" wants one of \"message\" and \"text\""
+                    : "an entry of \"send\" wants one of \"message\", \"text\" and \"action\"");
     }
     step.text = text != nullptr ? text : message != nullptr ? print(message) : std::string();
     const bool asks = cJSON_IsObject(message) != 0 && member(message, "method") != nullptr;
@@ -217,14 +233,14 @@ void read_hello(reader_t* reader, const cJSON* item, sim_behaviour_t* behaviour)
 
 void read_heartbeat(reader_t* reader, const cJSON* root, sim_behaviour_t* behaviour) {
     const cJSON* const item = member(root, "heartbeat");
-    const char* const word = cJSON_GetStringValue(item);
-    if (word == nullptr) {
+    const std::string_view word = cJSON_IsString(item) != 0 ? item->valuestring : "";
+    if (item == nullptr || cJSON_IsNumber(item) != 0) {
         behaviour->heartbeat_code = read_int(reader, root, "heartbeat", any_number, 0);
-    } else if (std::string_view(word) == "silent") {
+    } else if (word == "silent") {
         behaviour->heartbeat = sim_heartbeat_t::silent;
-    } else if (std::string_view(word) == "wrong_id") {
+    } else if (word == "wrong_id") {
         behaviour->heartbeat = sim_heartbeat_t::wrong_id;
-    } else if (std::string_view(word) != "answer") {
+    } else if (word != "answer") {
         fail(reader, "unknown \"heartbeat\" " + print(item));
     }
 }
@@ -265,14 +281,18 @@ void read_scenario(reader_t* reader, const cJSON* root, sim_behaviour_t* behavio
     read_sendings(reader, list_of(reader, root, "send"), behaviour);
 }
 
+// Nothing, with errno, when it can't be read.
 std::optional<std::string> read_file(const std::string& path) {
-    errno = 0;
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
+    const std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(path.c_str(), "re"), std::fclose);
+    if (file == nullptr) {
         return std::nullopt;
     }
-    std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-    return file.bad() ? std::nullopt : std::optional(std::move(text));
+    std::string text;
+    char bytes[4096];
+    for (std::size_t count = 0; (count = std::fread(bytes, 1, sizeof bytes, file.get())) > 0;) {
+        text.append(bytes, count);
+    }
+    return std::ferror(file.get()) != 0 ? std::nullopt : std::optional(std::move(text));
 }
 
 }  // namespace
@@ -314,8 +334,7 @@ bool scenario_set_hello(std::string_view word, sim_behaviour_t* behaviour) {
 bool scenario_load(const std::string& path, sim_behaviour_t* behaviour, std::string* error) {
     const std::optional<std::string> text = read_file(path);
     if (!text) {
-        *error = "cannot read the scenario " + path +
-                 (errno != 0 ? std::string(": ") + std::strerror(errno) : std::string());
+        *error = "cannot read the scenario " + path + ": " + std::strerror(errno);
         return false;
     }
     const json_t root(cJSON_ParseWithOpts(text->c_str(), nullptr, 1));

@@ -249,6 +249,40 @@ void count_method(sim_t* sim, std::string_view method) {
     }
 }
 
+std::int64_t number(sim_t* sim, cJSON* request) {
+    const std::int64_t id = ++sim->last_id;
+    cJSON_AddNumberToObject(request, "id", static_cast<double>(id));
+    return id;
+}
+
+// The text, with an "id" if it is a request that has none.
+std::string numbered(sim_t* sim, const std::string& text) {
+    const json_t request = script_parse(text);
+    if (member(request.get(), "method") == nullptr || member(request.get(), "id") != nullptr) {
+        return text;
+    }
+    (void)number(sim, request.get());
+    return std::string(print(request.get()));
+}
+
+// The action's name, where nothing else in the log tells of it.
+const char* quiet_action(sim_kind_t kind) {
+    switch (kind) {
+        case sim_kind_t::drop:
+            return "drop";
+        case sim_kind_t::stall:
+            return "stall";
+        case sim_kind_t::resume:
+            return "resume";
+        case sim_kind_t::stop_reading:
+            return "stop_reading";
+        case sim_kind_t::start_reading:
+            return "start_reading";
+        default:
+            return nullptr;
+    }
+}
+
 }  // namespace
 
 json_t script_parse(std::string_view text) {
@@ -295,8 +329,7 @@ std::int64_t script_ask(sim_t* sim, sim_device_t* device, std::string_view text)
     if (member(request.get(), "id") != nullptr) {
         return device_put(sim, device, text) ? script_head(request.get()).id : -1;
     }
-    const std::int64_t id = ++sim->last_id;
-    cJSON_AddNumberToObject(request.get(), "id", static_cast<double>(id));
+    const std::int64_t id = number(sim, request.get());
     const std::string_view printed = print(request.get());
     return !printed.empty() && device_put(sim, device, printed) ? id : -1;
 }
@@ -311,6 +344,9 @@ void script_release(sim_t* sim, const held_t& held) {
 }
 
 bool script_perform(sim_t* sim, sim_device_t* device, const sim_step_t& step) {
+    if (const char* const name = quiet_action(step.kind)) {
+        log_add(sim, sim_what_t::acted, device->number, name);
+    }
     switch (step.kind) {
         case sim_kind_t::send:
             return device_put(sim, device, step.text);
@@ -320,7 +356,7 @@ bool script_perform(sim_t* sim, sim_device_t* device, const sim_step_t& step) {
             device_put_raw(sim, device, step.text);
             return true;
         case sim_kind_t::stall:
-            return device_stall(sim, device, step.text);
+            return device_stall(sim, device, numbered(sim, step.text));
         case sim_kind_t::resume:
             device_resume(device);
             return true;

@@ -34,6 +34,8 @@ struct releaser_t {
 using json_t = std::unique_ptr<cJSON, releaser_t<cJSON_Delete>>;
 using context_t = std::unique_ptr<SSL_CTX, releaser_t<SSL_CTX_free>>;
 using ssl_t = std::unique_ptr<SSL, releaser_t<SSL_free>>;
+using private_key_t = std::unique_ptr<EVP_PKEY, releaser_t<EVP_PKEY_free>>;
+using x509_t = std::unique_ptr<X509, releaser_t<X509_free>>;
 using steady_t = std::chrono::steady_clock;
 
 enum class phase_t : std::uint8_t { start, device_info, verdict, over };
@@ -75,11 +77,17 @@ struct held_t {
     std::string text;
 };
 
+struct identity_t {
+    private_key_t key;
+    x509_t certificate;
+};
+
 struct sim_t {
     // Fixed once started.
     sim_config_t config;
     std::uint16_t port = 0;
     std::string certificate;
+    identity_t ca;  // what the server's certificate, if it was made, and the clients' come from
     context_t context;
     int epoll_fd = -1;
     int wake_fd = -1;
@@ -121,9 +129,9 @@ class turn_t {
     std::lock_guard<std::mutex> guard_;
 };
 
-// certificate.cpp: a TLS server context with the configured certificate or one made on the spot,
-// which is stored as PEM. Null with a line in `error`.
-context_t context_make(const sim_config_t& config, std::string* certificate, std::string* error);
+// certificate.cpp: a TLS server context with the configured certificate or one made on the spot;
+// sets `certificate` and `ca`. Null with a line in `error`.
+context_t context_make(sim_t* sim, std::string* error);
 
 // engine.cpp
 void engine_wake(sim_t* sim);
