@@ -37,7 +37,7 @@ const char* cloud_svr_client_strerror(int code) {
         case CLOUD_SVR_E_TOO_LONG:
             return "JSON text too long for the cloud";
         case CLOUD_SVR_E_TIMEOUT:
-            return "time-out";
+            return "no answer in time";
         case CLOUD_SVR_E_MESSAGE_ID:
             return "message id missing or not matching";
         case CLOUD_SVR_E_METHOD:

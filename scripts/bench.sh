@@ -36,6 +36,7 @@ if [[ -z $build ]]; then
     build_preset bench cloud_svr cloud-kit cloud_bench
     build=$(build_folder bench)
 fi
+[[ -d $build ]] || die "no folder $build"
 
 # The daemon's socket has a fixed name in /tmp: the run gets a /tmp of its own, with what it needs
 # in it, and a process space whose end takes all its processes along.

@@ -78,6 +78,7 @@ start_cloud() {
         build/cloud_sim --port 0 --cert "$folder/cloud.pem" --key "$folder/key.pem"
 }
 
+(($# == 0)) || die "usage: scripts/demo.sh"
 "$root/scripts/setup.sh"
 cd "$root"
 if is_live "$socket"; then

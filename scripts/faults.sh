@@ -12,11 +12,12 @@ set -euo pipefail
 
 usage="usage: scripts/faults.sh [--quick] [--first N] [--last N] [--lives N] [KIND...]"
 while [[ ${1-} == --* ]]; do
+    [[ $1 == --quick || $# -gt 1 ]] || die "$usage"
     case $1 in
         --quick) export FAULTS_LIVES=6 && shift && continue ;;
-        --first) export FAULTS_FIRST=${2:?$usage} ;;
-        --last) export FAULTS_LAST=${2:?$usage} ;;
-        --lives) export FAULTS_LIVES=${2:?$usage} ;;
+        --first) export FAULTS_FIRST=$2 ;;
+        --last) export FAULTS_LAST=$2 ;;
+        --lives) export FAULTS_LIVES=$2 ;;
         *) die "$usage" ;;
     esac
     shift 2

@@ -21,6 +21,8 @@ build_folder() {
 build_preset() {
     local preset=$1
     shift
+    grep -qF "\"configurePreset\": \"$preset\"" "$root/CMakePresets.json" ||
+        die "no build preset $preset"
     say "building preset $preset"
     (
         cd "$root" &&

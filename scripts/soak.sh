@@ -5,7 +5,7 @@ set -euo pipefail
 # shellcheck source=scripts/lib.sh
 . "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
-(($# == 1 || $# == 2)) || die "usage: scripts/soak.sh MINUTES [PRESET]"
+[[ $# == [12] && $1 =~ ^[1-9][0-9]*$ ]] || die "usage: scripts/soak.sh MINUTES [PRESET]"
 preset=${2-release}
 sanitizer_options
 build_preset "$preset" cloud_svr_soak

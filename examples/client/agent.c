@@ -66,7 +66,11 @@ static void serve_once(void) {
     }
 }
 
-int main(void) {
+int main(int argc, char** argv) {
+    if (argc != 1) {
+        fprintf(stderr, "usage: %s\n", argv[0]);
+        return 2;
+    }
     const struct sigaction action = {.sa_handler = stop};
     sigaction(SIGINT, &action, NULL);
     sigaction(SIGTERM, &action, NULL);

@@ -2,6 +2,7 @@
  *
  *     client '{"method":"echo","params":{"hello":"cloud"}}'
  */
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 
@@ -14,6 +15,7 @@ int main(int argc, char** argv) {
         fprintf(stderr, "usage: %s JSON\n", argv[0]);
         return 2;
     }
+    signal(SIGPIPE, SIG_IGN); /* then a pipe that nobody reads is an error of puts */
     cloud_svr_client_t* client = NULL;
     char* answer = NULL;
     int code = cloud_svr_client_connect(&client, CLOUD_SVR_CLIENT_PATH, CONNECT_MS);
@@ -25,7 +27,11 @@ int main(int argc, char** argv) {
         fprintf(stderr, "%s: %s (%d)\n", argv[0], cloud_svr_client_strerror(code), code);
         return 1;
     }
-    puts(answer);
+    const int printed = puts(answer) != EOF && fflush(stdout) != EOF;
     free(answer);
+    if (!printed) {
+        perror(argv[0]);
+        return 1;
+    }
     return 0;
 }

@@ -4,10 +4,12 @@
     client.py '{"method":"echo","params":{"hello":"cloud"}}'
 """
 import json
+import os
 import socket
 import struct
 import sys
 
+PATH = "/tmp/cloud_svr"
 MAGIC = b"\xa1\xb2"
 TIMEOUT_S = 10
 
@@ -15,8 +17,11 @@ TIMEOUT_S = 10
 def receive(stream):
     header = stream.read(6)
     if len(header) < 6 or header[:2] != MAGIC:
-        raise ConnectionError("the daemon closed the connection")
-    return json.loads(stream.read(struct.unpack(">I", header[2:])[0]))
+        raise RuntimeError("the daemon closed the connection")
+    text = stream.read(struct.unpack(">I", header[2:])[0])
+    if not text.endswith(b"}"):
+        raise RuntimeError("the daemon closed the connection within a message")
+    return json.loads(text)
 
 
 def send(stream, message):
@@ -27,7 +32,7 @@ def send(stream, message):
 
 def ask(stream, request):
     if receive(stream)["inner_params"]["type"] != 0:
-        raise ConnectionError("the daemon has no room for another client")
+        raise RuntimeError("the daemon has no room for another client")
     params = {"request": request, "timeout_ms": TIMEOUT_S * 1000, "flag": 1}
     send(stream, {"inner_method": "device_request", "inner_id": 1, "inner_params": params})
     message_id, answers = None, {}
@@ -39,23 +44,36 @@ def ask(stream, request):
         result = message.get("inner_result", {})
         if message.get("inner_id") == 1:
             message_id = result["id"]
+            if message_id == 0:
+                raise RuntimeError("the connection to the cloud broke: ask again")
         elif "response" in result:
             answers[result["id"]] = result["response"]
     return answers[message_id]
 
 
+def connect(connection):
+    connection.settimeout(TIMEOUT_S + 1)
+    try:
+        connection.connect(PATH)
+    except OSError as error:
+        raise RuntimeError(f"{PATH}: {error.strerror}") from error
+
+
 def main():
     if len(sys.argv) != 2:
-        sys.exit("usage: client.py JSON")
-    with socket.socket(socket.AF_UNIX) as connection:
-        connection.settimeout(TIMEOUT_S + 1)
-        connection.connect("/tmp/cloud_svr")
-        with connection.makefile("rwb") as stream:
-            print(ask(stream, sys.argv[1]))
+        print("usage: client.py JSON", file=sys.stderr)
+        return 2
+    try:
+        with socket.socket(socket.AF_UNIX) as connection:
+            connect(connection)
+            with connection.makefile("rwb") as stream:
+                # print would learn only at the very end that nobody reads it.
+                os.write(1, f"{ask(stream, sys.argv[1])}\n".encode())
+    except (OSError, RuntimeError) as error:
+        print(f"client.py: {error}", file=sys.stderr)
+        return 1
+    return 0
 
 
 if __name__ == "__main__":
-    try:
-        main()
-    except (OSError, RuntimeError) as error:
-        sys.exit(f"client.py: {error}")
+    sys.exit(main())

@@ -147,7 +147,7 @@ TEST_F(requests_test, without_a_connection_the_flag_decides) {
         ASSERT_TRUE(connected(times));
         sim_post(cloud.get(), sim_newest,
                  R"({"method":"notifyEvent","params":{"event":"illegalDevice"}})");
-        ASSERT_TRUE(daemon.await_log("end to receive from the cloud...", times));
+        ASSERT_TRUE(daemon.await_log("end the task of responding the request", times));
         // The time-out is negative: the configured one counts, for the connection, too.
         EXPECT_EQ(client.echo("x", -1, flag), flag == 1);
         EXPECT_TRUE(connected(times + 1));

@@ -24,7 +24,7 @@ _cloud_ctl() {
     case $command in
         '') words+=' request register reconnect check log' ;;
         request) words+=' --timeout --connect' ;;
-        register) words+=' --hello-cloud --answer --exec' ;;
+        register) words+=' --hello-cloud --answer --exec --timeout' ;;
         log) words+=' --level --module --client --id --color' ;;
     esac
     mapfile -t COMPREPLY < <(compgen -W "$words" -- "$word")

@@ -1,9 +1,16 @@
 // A shell command that answers the cloud's requests.
 #pragma once
 
+#include <atomic>
 #include <string>
 
-// Runs `command` with `request` as its standard input; its standard output, without the newline at
-// its end. Empty, said on standard error, when it fails or takes longer than 10 s: it is killed
-// then.
-std::string command_answer(const std::string& command, const std::string& request);
+// Exactly one of the two is empty.
+struct command_result_t {
+    std::string output;   // without the newlines at its end
+    std::string failure;  // why there is none, in words
+};
+
+// Runs `command` with `request` as its standard input, for `timeout_ms` at most or until a signal's
+// handler sets `is_over`: it is killed then, with all that it has started.
+command_result_t command_run(const std::string& command, const std::string& request, int timeout_ms,
+                             const std::atomic<bool>& is_over);

@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <cstdio>
 #include <deque>
+#include <iostream>
 #include <string_view>
 #include <utility>
 
+#include "common/output.h"
 #include "util/json.h"
 
 namespace {
@@ -184,7 +186,7 @@ void print(const line_t& line, const log_options_t& options) {
     } else {
         printf("%s\n", line.whole.c_str());
     }
-    fflush(stdout);
+    (void)output_flush();
 }
 
 bool has_filter(const log_options_t& options) {
@@ -235,10 +237,10 @@ void view_way(way_t* way, const line_t& line, const log_options_t& options) {
 
 }  // namespace
 
-void log_view(std::istream& input, const log_options_t& options) {
+bool log_view(const log_options_t& options) {
     way_t way;
     std::string text;
-    while (std::getline(input, text)) {
+    while (output_flush() && std::getline(std::cin, text)) {
         const line_t line = parse(text);
         if (options.id >= 0) {
             view_way(&way, line, options);
@@ -247,4 +249,9 @@ void log_view(std::istream& input, const log_options_t& options) {
         }
     }
     print_passing(way.sent, options);
+    if (ferror(stdin) != 0) {
+        perror("cloud_ctl: standard input");
+        return false;
+    }
+    return true;
 }

@@ -1,7 +1,6 @@
 // cloud_ctl log: a daemon's log, filtered and coloured.
 #pragma once
 
-#include <istream>
 #include <string>
 #include <vector>
 
@@ -14,5 +13,6 @@ struct log_options_t {
     bool json = false;
 };
 
-// Prints the lines of `input` that pass. Lines that are none of the log pass only without a filter.
-void log_view(std::istream& input, const log_options_t& options);
+// Prints the lines of standard input that pass. Lines that are none of the log pass only without a
+// filter. False, said on standard error, when the input can't be read.
+bool log_view(const log_options_t& options);

@@ -1,18 +1,20 @@
 #include "cloud_ctl/talk.h"
 
+#include <errno.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <memory>
-#include <sstream>
 
 #include "cloud_ctl/command.h"
 #include "cloud_svr_client.h"
+#include "common/output.h"
 #include "util/json.h"
 
 namespace {
@@ -29,14 +31,26 @@ struct client_deleter_t {
 
 using client_ptr = std::unique_ptr<cloud_svr_client_t, client_deleter_t>;
 
-int fail(const talk_options_t& options, int code) {
+// Says why it failed; `detail` may tell more than the code does.
+int fail(const talk_options_t& options, int code, const std::string& detail = "") {
     const char* const meaning = cloud_svr_client_strerror(code);
     if (options.json) {
         printf("{\"code\":%d,\"meaning\":%s}\n", code,
                json_print(json_ptr(cJSON_CreateString(meaning)).get()).get());
     }
-    fprintf(stderr, "cloud_ctl: %d: %s\n", code, meaning);
+    fprintf(stderr, "cloud_ctl: %s (%d)%s%s\n", meaning, code, detail.empty() ? "" : ": ",
+            detail.c_str());
     return exit_failed;
+}
+
+// The same where there is no connection to the daemon.
+int fail_connect(const talk_options_t& options, int code) {
+    if (code != CLOUD_SVR_E_LOCAL_SEND) {
+        return fail(options, code);
+    }
+    const std::string path = options.socket.empty() ? CLOUD_SVR_CLIENT_PATH : options.socket;
+    const bool is_there = access(path.c_str(), W_OK) == 0;
+    return fail(options, code, path + ": " + (is_there ? "nobody listens" : strerror(errno)));
 }
 
 int usage(const std::string& reason) {
@@ -44,8 +58,14 @@ int usage(const std::string& reason) {
     return exit_usage;
 }
 
-bool is_json_object(const std::string& text) {
-    return cJSON_IsObject(json_ptr(cJSON_Parse(text.c_str())).get()) != 0;
+// Whether the text is a JSON object and nothing else. It is then made compact: one line of output.
+bool is_json_object(std::string* text) {
+    if (cJSON_IsObject(json_ptr(cJSON_ParseWithOpts(text->c_str(), nullptr, 1)).get()) == 0) {
+        return false;
+    }
+    cJSON_Minify(text->data());
+    text->resize(strlen(text->c_str()));
+    return true;
 }
 
 client_ptr client_connect(const talk_options_t& options, int* code) {
@@ -62,6 +82,22 @@ struct agent_t {
     std::string hello;
 };
 
+// A signal ends the program: at once while it registers, otherwise after it has given its role
+// back. So does the loss of standard output.
+std::atomic<cloud_svr_client_t*> g_registering;
+std::atomic<bool> g_is_over;
+
+void end_soon(int /*signal*/) {
+    g_is_over = true;
+    cloud_svr_client_shutdown(g_registering);
+}
+
+void output_hand_on() {
+    if (!output_flush()) {
+        end_soon(0);
+    }
+}
+
 void exchange_print(const talk_options_t& options, const char* request, const std::string& answer) {
     if (options.json) {
         printf("{\"request\":%s,\"answer\":%s}\n", request,
@@ -70,32 +106,33 @@ void exchange_print(const talk_options_t& options, const char* request, const st
         printf("cloud asks:  %s\nanswer:      %s\n", request,
                answer.empty() ? "(none)" : answer.c_str());
     }
-    fflush(stdout);
+    output_hand_on();
 }
 
-// A signal ends the program: at once while it registers, otherwise after it has given its role
-// back.
-std::atomic<cloud_svr_client_t*> g_registering;
-std::atomic<bool> g_is_over;
-
-void on_signal(int /*number*/) {
-    g_is_over = true;
-    cloud_svr_client_shutdown(g_registering);
+// The command's output; empty, with a line about it, when that is no answer.
+std::string command_answer(const register_options_t& registration, const char* request) {
+    command_result_t result =
+        command_run(registration.command, request, registration.command_ms, g_is_over);
+    if (result.failure.empty() && !is_json_object(&result.output)) {
+        result.failure = "the command's output is not a JSON object";
+    }
+    if (result.failure.empty()) {
+        return result.output;
+    }
+    if (!g_is_over) {
+        fprintf(stderr, "cloud_ctl: %s\n", result.failure.c_str());
+    }
+    return "";
 }
 
 int on_request(void* arg, const char* request, char** answer) {
     const auto* const agent = static_cast<const agent_t*>(arg);
-    std::string text = agent->registration->answer;
     if (g_is_over) {
         return CLOUD_SVR_E_GENERAL;
     }
-    if (!agent->registration->command.empty()) {
-        text = command_answer(agent->registration->command, request);
-    }
-    if (!text.empty() && !is_json_object(text)) {
-        fprintf(stderr, "cloud_ctl: the command's output is not a JSON object\n");
-        text.clear();
-    }
+    const register_options_t& registration = *agent->registration;
+    const std::string text =
+        registration.command.empty() ? registration.answer : command_answer(registration, request);
     exchange_print(*agent->options, request, text);
     *answer = text.empty() ? nullptr : strdup(text.c_str());
     return *answer == nullptr ? CLOUD_SVR_E_GENERAL : 0;
@@ -109,12 +146,12 @@ int on_hello_request(void* arg, char** request) {
 void on_hello_answer(void* arg, const char* answer) {
     const auto* const agent = static_cast<const agent_t*>(arg);
     printf(agent->options->json ? "{\"hello_answer\":%s}\n" : "helloCloud:  %s\n", answer);
-    fflush(stdout);
+    output_hand_on();
 }
 
 void signals_catch() {
     struct sigaction action = {};
-    action.sa_handler = on_signal;
+    action.sa_handler = end_soon;
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
 }
@@ -161,23 +198,32 @@ int register_and_serve(const talk_options_t& options, cloud_svr_client_t* client
     } else {
         printf("registered%s\n", code == 0 ? "" : ", not connected yet");
     }
-    fflush(stdout);
+    output_hand_on();
     return serve(client);
 }
 
-bool file_read(const std::string& path, std::string* text) {
-    std::ifstream file(path);
-    std::stringstream all;
-    all << file.rdbuf();
-    *text = all.str();
-    return file.good() || file.eof();
+// Reads the helloCloud request. False, with a line about it, when the file holds none.
+bool hello_read(const std::string& path, std::string* hello) {
+    const descriptor_t file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    char buffer[4096];
+    ssize_t count = -1;
+    while (file.fd >= 0 && (count = read(file.fd, buffer, sizeof(buffer))) > 0) {
+        hello->append(buffer, static_cast<size_t>(count));
+    }
+    const char* const reason = count < 0               ? strerror(errno)
+                               : is_json_object(hello) ? nullptr
+                                                       : "is not a JSON object";
+    if (reason != nullptr) {
+        fprintf(stderr, "cloud_ctl: %s: %s\n", path.c_str(), reason);
+    }
+    return reason == nullptr;
 }
 
 int agent_run(const talk_options_t& options, agent_t* agent) {
     int code = 0;
     const client_ptr client = client_connect(options, &code);
     if (client == nullptr) {
-        return fail(options, code);
+        return fail_connect(options, code);
     }
     cloud_svr_agent_t callbacks = {on_request, nullptr, nullptr, agent};
     if (!agent->registration->hello_file.empty()) {
@@ -190,14 +236,14 @@ int agent_run(const talk_options_t& options, agent_t* agent) {
 
 }  // namespace
 
-int talk_request(const talk_options_t& options, const request_options_t& request) {
-    if (!is_json_object(request.request)) {
+int talk_request(const talk_options_t& options, request_options_t request) {
+    if (!is_json_object(&request.request)) {
         return usage("the request is not a JSON object");
     }
     int code = 0;
     const client_ptr client = client_connect(options, &code);
     if (client == nullptr) {
-        return fail(options, code);
+        return fail_connect(options, code);
     }
     char* answer = nullptr;
     code = cloud_svr_client_request(client.get(), request.request.c_str(), request.timeout_ms,
@@ -210,15 +256,12 @@ int talk_request(const talk_options_t& options, const request_options_t& request
     return exit_ok;
 }
 
-int talk_register(const talk_options_t& options, const register_options_t& registration) {
+int talk_register(const talk_options_t& options, register_options_t registration) {
     agent_t agent = {&options, &registration, ""};
-    if (!is_json_object(registration.answer)) {
+    if (!is_json_object(&registration.answer)) {
         return usage("the answer is not a JSON object");
     }
-    if (!registration.hello_file.empty() &&
-        (!file_read(registration.hello_file, &agent.hello) || !is_json_object(agent.hello))) {
-        fprintf(stderr, "cloud_ctl: %s: can't be read, or holds no JSON object\n",
-                registration.hello_file.c_str());
+    if (!registration.hello_file.empty() && !hello_read(registration.hello_file, &agent.hello)) {
         return exit_failed;
     }
     return agent_run(options, &agent);
@@ -227,9 +270,10 @@ int talk_register(const talk_options_t& options, const register_options_t& regis
 int talk_reconnect(const talk_options_t& options) {
     int code = 0;
     const client_ptr client = client_connect(options, &code);
-    if (client != nullptr) {
-        code = cloud_svr_client_reconnect(client.get(), kDaemonMs);
+    if (client == nullptr) {
+        return fail_connect(options, code);
     }
+    code = cloud_svr_client_reconnect(client.get(), kDaemonMs);
     if (code != 0) {
         return fail(options, code);
     }

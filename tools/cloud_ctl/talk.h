@@ -21,12 +21,13 @@ struct request_options_t {
 struct register_options_t {
     std::string hello_file;  // empty: the daemon shakes hands by itself
     std::string answer = R"({"error_code":0})";
-    std::string command;  // given each cloud request, gives its answer; empty: `answer` is given
+    std::string command;     // given each cloud request, gives its answer; empty: `answer` is given
+    int command_ms = 10000;  // how long it may take
 };
 
-int talk_request(const talk_options_t& options, const request_options_t& request);
+int talk_request(const talk_options_t& options, request_options_t request);
 
 // Stays until a signal ends it or the daemon goes.
-int talk_register(const talk_options_t& options, const register_options_t& registration);
+int talk_register(const talk_options_t& options, register_options_t registration);
 
 int talk_reconnect(const talk_options_t& options);
