@@ -224,10 +224,10 @@ struct ssl_socket_recover_test : ssl_socket_test {
 TEST_F(ssl_socket_recover_test, the_kernel_finds_a_peer_that_vanishes_within_two_minutes) {
     connect_through();
     const mutex_lock_t held(socket->lock);
-    const auto option = [&](int name) {
+    const auto option = [fd = socket->tls.fd](int name) {
         int value = -1;
         socklen_t size = sizeof(value);
-        getsockopt(socket->tls.fd, IPPROTO_TCP, name, &value, &size);
+        getsockopt(fd, IPPROTO_TCP, name, &value, &size);
         return value;
     };
     EXPECT_LE(option(TCP_KEEPIDLE) + option(TCP_KEEPCNT) * option(TCP_KEEPINTVL), 120);
