@@ -45,8 +45,8 @@ struct tool_t {
 struct row_t {
     char code;
     std::string command;
-    std::string says;    // in one line; empty: nothing
-    std::string answer;  // that the cloud gets
+    std::string says;         // in one line; empty: nothing
+    std::string answer = "";  // that the cloud gets
 };
 
 void expect_told(const row_t& row, const std::string& ended) {
