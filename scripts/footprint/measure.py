@@ -151,7 +151,7 @@ class Daemon:
 
 
 def show(stage, daemon, with_blocks):
-    time.sleep(1.5)  # what a stage began ends; the daemon's loops turn within 100 ms
+    time.sleep(1.5)  # what a stage began ends; the daemon's loops turn within a second
     if with_blocks:
         held = daemon.blocks()
         own, tls = held.get("own", 0), held.get("tls", 0)

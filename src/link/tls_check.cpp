@@ -82,25 +82,19 @@ int pass_phrase_asked(char* /*buffer*/, int /*size*/, int /*writing*/, void* was
     return -1;
 }
 
-int32_t chain_use(SSL_CTX* ctx, const char* path) {
-    constexpr char kSetting[] = "link.certificate";
-    const int32_t code = file_look(kSetting, path);
-    if (code != 0) {
-        return code;
-    }
-    ERR_clear_error();
-    return SSL_CTX_use_certificate_chain_file(ctx, path) == 1
+int32_t ca_use(SSL_CTX* ctx, const char* setting, const char* path) {
+    return SSL_CTX_load_verify_locations(ctx, path, nullptr) == 1
                ? 0
-               : unusable(kSetting, "certificate", path);
+               : unusable(setting, "certificate", path);
 }
 
-int32_t key_use(SSL_CTX* ctx, const char* path) {
-    constexpr char kSetting[] = "link.key";
-    const int32_t code = file_look(kSetting, path);
-    if (code != 0) {
-        return code;
-    }
-    ERR_clear_error();
+int32_t chain_use(SSL_CTX* ctx, const char* setting, const char* path) {
+    return SSL_CTX_use_certificate_chain_file(ctx, path) == 1
+               ? 0
+               : unusable(setting, "certificate", path);
+}
+
+int32_t key_use(SSL_CTX* ctx, const char* setting, const char* path) {
     bool was_asked = false;
     const openssl_ptr<BIO> file(BIO_new_file(path, "r"));
     const openssl_ptr<EVP_PKEY> key(
@@ -108,7 +102,7 @@ int32_t key_use(SSL_CTX* ctx, const char* path) {
             ? nullptr
             : PEM_read_bio_PrivateKey(file.get(), nullptr, pass_phrase_asked, &was_asked));
     if (key == nullptr) {
-        return unusable(kSetting, was_asked ? "private key without a pass phrase" : "private key",
+        return unusable(setting, was_asked ? "private key without a pass phrase" : "private key",
                         path);
     }
     X509* const certificate = SSL_CTX_get0_certificate(ctx);
@@ -116,12 +110,22 @@ int32_t key_use(SSL_CTX* ctx, const char* path) {
         return 0;  // its own fault is what was logged
     }
     if (X509_check_private_key(certificate, key.get()) != 1) {
-        LOG_ERROR("%s does not fit link.certificate, path=%s", kSetting, path);
+        LOG_ERROR("%s does not fit link.certificate, path=%s", setting, path);
         ERR_clear_error();
         return CLOUD_SVR_E_RANGE;
     }
-    return SSL_CTX_use_PrivateKey(ctx, key.get()) == 1 ? 0
-                                                       : unusable(kSetting, "private key", path);
+    return SSL_CTX_use_PrivateKey(ctx, key.get()) == 1 ? 0 : unusable(setting, "private key", path);
+}
+
+// Has `use` load the file that a setting names, if it names one.
+int32_t file_use(SSL_CTX* ctx, const char* setting, const char* path,
+                 int32_t (*use)(SSL_CTX* ctx, const char* setting, const char* path)) {
+    if (path == nullptr) {
+        return 0;
+    }
+    const int32_t code = file_look(setting, path);
+    ERR_clear_error();
+    return code != 0 ? code : use(ctx, setting, path);
 }
 
 }  // namespace
@@ -135,22 +139,12 @@ tls_name_t tls_name_kind(const char* name) {
 }
 
 int32_t tls_ca_use(SSL_CTX* ctx, const link_options_t* options) {
-    constexpr char kSetting[] = "default.cer_file";
-    const char* const path = options->ca_file;
-    const int32_t code = path == nullptr ? 0 : file_look(kSetting, path);
-    if (path == nullptr || code != 0) {
-        return code;
-    }
-    ERR_clear_error();
-    return SSL_CTX_load_verify_locations(ctx, path, nullptr) == 1
-               ? 0
-               : unusable(kSetting, "certificate", path);
+    return file_use(ctx, "default.cer_file", options->ca_file, ca_use);
 }
 
 int32_t tls_certificate_use(SSL_CTX* ctx, const link_options_t* options) {
-    const int32_t of_chain =
-        options->certificate == nullptr ? 0 : chain_use(ctx, options->certificate);
-    const int32_t of_key = options->key == nullptr ? 0 : key_use(ctx, options->key);
+    const int32_t of_chain = file_use(ctx, "link.certificate", options->certificate, chain_use);
+    const int32_t of_key = file_use(ctx, "link.key", options->key, key_use);
     return of_chain != 0 ? of_chain : of_key;
 }
 
