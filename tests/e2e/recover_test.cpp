@@ -1,4 +1,6 @@
 // "recover" and "jitter": what a loss of the connection costs, and when the daemon is back.
+#include <stdlib.h>
+
 #include <algorithm>
 
 #include "e2e/harness.h"
@@ -9,17 +11,31 @@ constexpr sim_kind_t kinds[] = {sim_kind_t::close, sim_kind_t::close_tcp, sim_ki
 
 struct recover_test : e2e_test, testing::WithParamInterface<std::size_t> {
     // A client's request connects at once, so that the back-off isn't waited out each time.
+    void connect_again(client_t* client, std::uint64_t seen) const {
+        const std::int64_t deadline = now_ms() + wait_ms();
+        do {
+            (void)client->request(R"({"method":"x"})", 100, 1);
+            ASSERT_LT(now_ms(), deadline) << seen;
+        } while (!sim_wait_handshakes(cloud.get(), seen + 1, 5));
+    }
+
     void lose(client_t* client, int times) const {
         for (int i = 0; i < times; ++i) {
             const std::uint64_t seen = sim_stats(cloud.get()).handshakes;
             ASSERT_TRUE(sim_close(cloud.get(), sim_newest, kinds[GetParam()]));
-            const std::int64_t deadline = now_ms() + wait_ms();
-            do {
-                (void)client->request(R"({"method":"x"})", 100, 1);
-                ASSERT_LT(now_ms(), deadline) << i;
-            } while (!sim_wait_handshakes(cloud.get(), seen + 1, 5));
+            ASSERT_NO_FATAL_FAILURE(connect_again(client, seen));
         }
     }
+
+    // The cloud says nothing any more, which the heartbeats find.
+    void lose_in_silence(client_t* client, int times) {
+        for (int i = 0; i < times; ++i) {
+            ASSERT_TRUE(daemon.await_log("end to check the time out...", ++silences));
+            const std::uint64_t seen = sim_stats(cloud.get()).handshakes;
+            ASSERT_NO_FATAL_FAILURE(connect_again(client, seen));
+        }
+    }
+    std::size_t silences = 0;
 };
 
 TEST_P(recover_test, a_thousand_lost_connections_leave_nothing_behind) {
@@ -35,6 +51,20 @@ TEST_P(recover_test, a_thousand_lost_connections_leave_nothing_behind) {
     EXPECT_TRUE(works());
 }
 INSTANTIATE_TEST_SUITE_P(ways, recover_test, testing::Range(std::size_t{0}, std::size(kinds)));
+
+// A loss takes a second: RECOVER_LOSSES sets how many there are.
+TEST_F(recover_test, silence_leaves_nothing_behind) {
+    connect({.heartbeat_ms = 50, .timeout_ms = 100, .link = R"({"recover":true})"},
+            {.heartbeat = sim_heartbeat_t::silent});
+    client_t client;
+    ASSERT_NO_FATAL_FAILURE(lose_in_silence(&client, 5));
+    const long descriptors = daemon.descriptors();
+    const long kb = daemon.status("VmRSS:");
+    const char* const losses = getenv("RECOVER_LOSSES");
+    ASSERT_NO_FATAL_FAILURE(lose_in_silence(&client, losses != nullptr ? atoi(losses) : 10));
+    EXPECT_EQ(daemon.descriptors(), descriptors);
+    EXPECT_LE(daemon.status("VmRSS:"), kb + (is_slow() ? 100000 : 1000));
+}
 
 // Connections that don't hold a minute, as with a cloud that accepts and closes.
 TEST_F(recover_test, a_loss_costs_little_and_the_back_off_grows) {
