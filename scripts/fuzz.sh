@@ -3,7 +3,8 @@
 #   scripts/fuzz.sh TARGET SECONDS    runs one that long; what it has learnt is kept in build-fuzz/
 #   scripts/fuzz.sh --all SECONDS     each of them that long
 #   scripts/fuzz.sh --replay          every kept finding and every seed, once
-# A finding is left in tests/fuzz/findings/TARGET/ and makes the exit status 1.
+# A finding is left in tests/fuzz/findings/TARGET/, printed in base64 for a machine whose disk is thrown
+# away, and makes the exit status 1.
 set -euo pipefail
 # shellcheck source=scripts/lib.sh
 . "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
@@ -81,13 +82,18 @@ replay() {
 }
 
 run() {
-    local target=$1 corpus=$build/corpus/$1
+    local target=$1 corpus=$build/corpus/$1 log=$build/$1.log finding
     mkdir -p "$corpus"
     say "$target: $2 s"
     nice -n 10 "$build/$target" -max_total_time="$2" -timeout=10 -rss_limit_mb=1024 -max_len=4096 \
         -print_final_stats=1 -verbosity=1 -dict="$root/tests/fuzz/fuzz.dict" \
         -artifact_prefix="$findings/$target/" "$corpus" "$build/seeds/$target" \
-        "$findings/$target" 2>&1 >/dev/null | tail -n 40
+        "$findings/$target" 2>"$log" >/dev/null && tail -n 6 "$log" && return
+    tail -n 90 "$log"
+    find "$findings/$target" -type f -newer "$started" | while read -r finding; do
+        say "$finding: $(base64 -w 0 "$finding")"
+    done
+    return 1
 }
 
 case "$#:${1-}" in
@@ -99,6 +105,8 @@ esac
 [[ $# == 1 || $2 =~ ^[1-9][0-9]*$ ]] || usage
 
 build_preset fuzz "${targets[@]}"
+started=$build/started
+touch "$started"
 seeds_make
 if (($# == 1)); then
     replay "${targets[@]}"

@@ -255,13 +255,15 @@ void play() {
     }
     // A minute of heartbeats, then the stop.
     g_world->end_ms = g_world->now_ms + 60000;
-    std::move(g_world->timeout_tasks.begin(), g_world->timeout_tasks.end(),
-              std::back_inserter(g_world->tasks));
+    while (!g_world->timeout_tasks.empty()) {
+        g_world->tasks.push_back(take(&g_world->timeout_tasks));
+    }
     for (int i = 0; i < 2; ++i) {
         while (task_run()) {
         }
         inner_api_stop(g_world->api);
     }
+    assert(g_world->tasks.empty() && g_world->timeout_tasks.empty());
 }
 
 }  // namespace
@@ -351,7 +353,7 @@ int32_t task_pool_add_here(task_pool_t*, task_pool_work_fn, task_pool_done_fn,
 int32_t task_pool_add_here(task_pool_t*, task_pool_work_fn work, task_pool_done_fn done,
                            void* arg) {
     const auto run = [=] {
-        // What receives is play; the time-out tasks run last.
+        // What receives is play.
         if (work != task_receive) {
             work(arg);
         }
@@ -359,7 +361,9 @@ int32_t task_pool_add_here(task_pool_t*, task_pool_work_fn work, task_pool_done_
             done(arg);
         }
     };
-    (work == task_timeout_check ? g_world->timeout_tasks : g_world->tasks).push_back(run);
+    // The time-out tasks run last, then also those of a connection made so late.
+    const bool later = work == task_timeout_check && g_world->end_ms == UINT64_MAX;
+    (later ? g_world->timeout_tasks : g_world->tasks).push_back(run);
     return 0;
 }
 
