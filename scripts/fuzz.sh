@@ -38,7 +38,7 @@ frames() {
 
 # Each message alone, all of them as one stream, and conversations that get beyond the handshake.
 seeds_make() {
-    local seeds=$build/seeds from_clients from_cloud answers register request accepted
+    local seeds=$build/seeds from_clients from_cloud answers register request accepted files
     rm -rf "$seeds"
     mkdir -p "${targets[@]/#/$seeds/}"
     from_clients=$(examples 'The local socket')
@@ -63,9 +63,21 @@ seeds_make() {
     { printf D && grep -m 1 '^{"error_code":0,"id"' <<<"$from_cloud" &&
         grep -E 'getDeviceInfo|legalDevice' <<<"$from_cloud" && echo "$from_cloud"; } \
         >"$seeds/fuzz_cloud/default"
+    # With the link option `recover`: connections lost in several ways, and made again.
+    printf '%s\n' "R$accepted" E2 "${accepted/1\}/2\}}" E0 "${accepted/1\}/3\}}" ca "$accepted" \
+        "$from_cloud" >"$seeds/fuzz_cloud/recover"
+    printf '%s\n' "RC$accepted" "$register" "$answers" "$request" E2 "C$accepted" "$answers" \
+        W2 "$request" "$answers" "$request" >"$seeds/fuzz_local/recover"
     printf '%s\n' "$from_cloud" >"$seeds/fuzz_kit/hello"
     printf 'D%s\n' "$from_cloud" >"$seeds/fuzz_kit/default"
-    cp "$root/examples/cloud_svr.cfg" "$seeds/fuzz_config/"
+    # A configuration whose certificates are all there, for what is behind them.
+    openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -subj /CN=a.b \
+        -keyout "$build/key.pem" -out "$build/cert.pem" 2>/dev/null
+    files="\"certificate\": \"$build/cert.pem\", \"key\": \"$build/key.pem\""
+    cp "$root/packaging/cloud_svr.cfg" "$seeds/fuzz_config/sample"
+    sed "s|\"cer_file\": .*|\"cer_file\": \"$build/cert.pem\"|
+        s|\"recover\"|\"verify\": true, \"server_name\": \"a.b\", $files, &|" \
+        "$seeds/fuzz_config/sample" >"$seeds/fuzz_config/verify"
 }
 
 replay() {

@@ -18,6 +18,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
            (config->domain[0] != '\0' && config->port > 0 && config->port <= 65535 &&
             config->heartbeat_interval_ms > 0 && config->request_timeout_ms > 0 &&
             config->max_message_number > 0 && config->max_client_number > 0));
+    const link_options_t* const link = config == nullptr ? nullptr : config->link;
+    assert(link == nullptr || !link->verify ||
+           (link->server_name != nullptr && link->ca_file != nullptr));
     config_free(config);
     return 0;
 }

@@ -168,6 +168,11 @@ bool record_load() {
 
 bool receive() {
     ssl_socket_t* const socket = g_world->api->ssl_socket;
+    if (inner_is_connected(g_world->api) && inner_is_lost(g_world->api)) {
+        session_task_t task = {g_world->api, ssl_socket_get_connection(socket)};
+        task_receive(&task);  // has nothing more to receive, and orders the next connection
+        return true;
+    }
     if (!inner_is_connected(g_world->api) || socket->connected == 0 || !record_load()) {
         return false;
     }
@@ -343,8 +348,11 @@ int32_t tls_open(tls_t* tls, const char*, int32_t, int32_t, const char*, const l
 }
 
 void tls_close(tls_t* tls) {
-    // By design the first disconnect leaves the name behind.
-    free(std::exchange(g_world->api->ssl_socket->cer_file, nullptr));
+    ssl_socket_t* const socket = g_world->api->ssl_socket;
+    if (socket->options == nullptr) {
+        // By design the first disconnect leaves the name behind.
+        free(std::exchange(socket->cer_file, nullptr));
+    }
     *tls = tls_t{};
 }
 
@@ -388,17 +396,21 @@ extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t max
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static char text[] = "127.0.0.1";
-    constexpr config_t kConfig = {text, nullptr, text, 1, 20000, 2000, 3, 2, 0, nullptr};
+    static link_options_t link = {false, true, true, nullptr, nullptr, nullptr, nullptr};
     const std::string input(reinterpret_cast<const char*>(data), size);
-    const bool hello = input.rfind('D', 0) != 0;
+    const size_t start = std::min(input.find_first_not_of("DR"), size);
+    const std::string choices = input.substr(0, start);
+    const config_t config = {
+        text, nullptr, text, 1, 20000,
+        2000, 3,       2,    0, choices.find('R') == std::string::npos ? nullptr : &link};
     world_t world;
     g_world = &world;
     srand(1);
-    world.api = inner_api_init(&kConfig);
+    world.api = inner_api_init(&config);
     if (FUZZ_SIDE != 'L') {
-        kit_give(world.api, hello);
+        kit_give(world.api, choices.find('D') == std::string::npos);
     }
-    lines_add(input.substr(hello ? 0 : 1));
+    lines_add(input.substr(start));
     play();
     for (client_t& client : world.clients) {
         client_leave(&client);
