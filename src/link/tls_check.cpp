@@ -76,9 +76,11 @@ int32_t unusable(const char* setting, const char* what, const char* path) {
     return CLOUD_SVR_E_FORMAT;
 }
 
-// OpenSSL itself would ask on the terminal, and wait.
+// OpenSSL itself would ask on the terminal, and wait. `was_asked` is a bool, or NULL.
 int pass_phrase_asked(char* /*buffer*/, int /*size*/, int /*writing*/, void* was_asked) {
-    *static_cast<bool*>(was_asked) = true;
+    if (was_asked != nullptr) {
+        *static_cast<bool*>(was_asked) = true;
+    }
     return -1;
 }
 
@@ -89,6 +91,7 @@ int32_t ca_use(SSL_CTX* ctx, const char* setting, const char* path) {
 }
 
 int32_t chain_use(SSL_CTX* ctx, const char* setting, const char* path) {
+    SSL_CTX_set_default_passwd_cb(ctx, pass_phrase_asked);
     return SSL_CTX_use_certificate_chain_file(ctx, path) == 1
                ? 0
                : unusable(setting, "certificate", path);

@@ -398,19 +398,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static char text[] = "127.0.0.1";
     static link_options_t link = {false, true, true, nullptr, nullptr, nullptr, nullptr};
     const std::string input(reinterpret_cast<const char*>(data), size);
-    const size_t start = std::min(input.find_first_not_of("DR"), size);
-    const std::string choices = input.substr(0, start);
-    const config_t config = {
-        text, nullptr, text, 1, 20000,
-        2000, 3,       2,    0, choices.find('R') == std::string::npos ? nullptr : &link};
+    const std::string choices = input.substr(0, input.find_first_not_of("DR"));
+    const bool recover = choices.find('R') != choices.npos;
+    config_t config = {text, nullptr, text, 1, 20000, 2000, 3, 2, 0, recover ? &link : nullptr};
     world_t world;
     g_world = &world;
     srand(1);
     world.api = inner_api_init(&config);
     if (FUZZ_SIDE != 'L') {
-        kit_give(world.api, choices.find('D') == std::string::npos);
+        kit_give(world.api, choices.find('D') == choices.npos);
     }
-    lines_add(input.substr(start));
+    lines_add(input.substr(choices.size()));
     play();
     for (client_t& client : world.clients) {
         client_leave(&client);

@@ -45,7 +45,9 @@ TEST_F(dns_test, a_list_is_filled_with_each_address_once_in_random_order) {
     EXPECT_GT(orders.size(), 1U);
 }
 
-TEST_F(dns_test, a_name_too_long) {
+TEST_F(dns_test, names) {
+    // Once or twice: the C library takes an IPv6 line of /etc/hosts for localhost as IPv4's.
+    EXPECT_EQ(next(list_ptr(ip_list_parse("localhost")), 1), "127.0.0.1");
     EXPECT_EQ(ip_list_parse(std::string(300, 'a').c_str()), nullptr);  // no resolver is asked
     EXPECT_TRUE(log.has("- fail to get host by name, error="));
 }
